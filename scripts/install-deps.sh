@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the demo need. Idempotent; quiet when
+# everything is already there.
+set -euo pipefail
+
+packages=(
+    # build
+    cmake g++ make pkg-config
+    qtbase5-dev qtbase5-dev-tools libqt5svg5-dev libxcb1-dev
+    googletest libgtest-dev
+    # display for the os and e2e tiers, the demo's screenshots, fonts for the CJK texts
+    xvfb xauth xdotool fonts-wqy-microhei
+    # Windows tier: cross compiler and Wine
+    g++-mingw-w64-x86-64-posix wine64
+    # fuzzing and sanitizers
+    clang libclang-rt-14-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$p")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "install-deps: installing ${missing[*]}"
+SUDO=
+[ "$(id -u)" -eq 0 ] || SUDO=sudo
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,1 @@
+#include "loading/widget.h"

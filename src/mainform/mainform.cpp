@@ -1,0 +1,1 @@
+#include "mainform/mainform.h"
