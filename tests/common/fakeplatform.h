@@ -1,0 +1,143 @@
+// A scriptable os::Platform for unit tests: answers come from public fields, every call is
+// recorded. Install it with FakePlatformScope so the real platform comes back afterwards.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "os/os.h"
+
+class FakePlatform : public os::Platform
+{
+public:
+    // Processes
+    bool snapshotOk = true;
+    std::uint32_t snapshotError = 5;
+    std::vector<os::ProcessEntry> processes;
+    std::vector<os::ProcessId> unopenable;     // terminateProcess answers false for these
+    std::vector<os::ProcessId> terminated;     // in call order
+    bool removeTerminated = true;              // a terminated process leaves the snapshot
+    os::ProcessHandle nextProcessHandle = 100; // 0 makes startProcess fail
+    os::ProcessId nextProcessId = 4000;
+    std::vector<std::string> started; // command lines, in call order
+    std::vector<os::ProcessHandle> endedProcesses;
+    std::vector<os::ProcessHandle> waitedProcesses;
+    os::ProcessId ownId = 812;
+
+    // Mutex
+    os::MutexResult mutexResult = os::MutexResult::Created;
+    std::vector<std::string> mutexNames;
+
+    // Environment and debugger
+    std::map<std::string, std::string> environment;
+    std::vector<std::string> debugLines;
+
+    // DPI
+    std::optional<long> awarenessResult = std::nullopt; // nullopt: Shcore missing
+    std::vector<int> awarenessCalls;
+    std::vector<os::MonitorInfo> monitors;
+    bool perMonitorDpiPresent = false;
+    std::map<os::MonitorHandle, std::uint32_t> monitorDpi; // missing entry: call failed, 96
+    std::optional<int> systemDpiValue = 96;
+
+    // Windows
+    bool postOk = true;
+    std::vector<os::NativeMessage> posted;
+    std::vector<os::WindowHandle> hidden;
+    std::map<os::WindowHandle, std::string> titles;
+
+    bool snapshotProcesses(std::vector<os::ProcessEntry> &out, std::uint32_t &error) override
+    {
+        if (!snapshotOk) {
+            error = snapshotError;
+            return false;
+        }
+        out = processes;
+        return true;
+    }
+    bool terminateProcess(os::ProcessId id) override
+    {
+        for (os::ProcessId u : unopenable)
+            if (u == id)
+                return false;
+        terminated.push_back(id);
+        if (removeTerminated) {
+            for (auto it = processes.begin(); it != processes.end(); ++it) {
+                if (it->id == id) {
+                    processes.erase(it);
+                    break;
+                }
+            }
+        }
+        return true;
+    }
+    os::ProcessHandle startProcess(const std::string &commandLine, os::ProcessId &newId) override
+    {
+        started.push_back(commandLine);
+        if (nextProcessHandle == 0)
+            return 0;
+        newId = nextProcessId++;
+        return nextProcessHandle++;
+    }
+    bool hasProcessEnded(os::ProcessHandle process) override
+    {
+        waitedProcesses.push_back(process);
+        for (os::ProcessHandle h : endedProcesses)
+            if (h == process)
+                return true;
+        return false;
+    }
+    os::ProcessId currentProcessId() override { return ownId; }
+    os::MutexResult createNamedMutex(const std::string &name) override
+    {
+        mutexNames.push_back(name);
+        return mutexResult;
+    }
+    std::string environmentVariable(const std::string &name) override
+    {
+        auto it = environment.find(name);
+        return it == environment.end() ? std::string() : it->second;
+    }
+    void debugOutput(const std::string &text) override { debugLines.push_back(text); }
+    std::optional<long> setProcessDpiAwareness(int value) override
+    {
+        if (!awarenessResult)
+            return std::nullopt;
+        awarenessCalls.push_back(value);
+        return awarenessResult;
+    }
+    std::vector<os::MonitorInfo> enumerateMonitors() override { return monitors; }
+    std::optional<std::uint32_t> dpiForMonitor(os::MonitorHandle monitor) override
+    {
+        if (!perMonitorDpiPresent)
+            return std::nullopt;
+        auto it = monitorDpi.find(monitor);
+        return it == monitorDpi.end() ? 96u : it->second;
+    }
+    std::optional<int> systemDpi() override { return systemDpiValue; }
+    bool postMessage(os::WindowHandle window, std::uint32_t message, std::uint64_t wParam,
+                     std::int64_t lParam) override
+    {
+        if (window == 0 || !postOk)
+            return false;
+        posted.push_back({window, message, wParam, lParam});
+        return true;
+    }
+    void hideWindow(os::WindowHandle window) override { hidden.push_back(window); }
+    std::string windowText(os::WindowHandle window) override
+    {
+        auto it = titles.find(window);
+        return it == titles.end() ? std::string() : it->second.substr(0, 4095);
+    }
+};
+
+// Puts a fake in place for one scope.
+class FakePlatformScope
+{
+public:
+    explicit FakePlatformScope(FakePlatform &fake) { os::setPlatform(&fake); }
+    ~FakePlatformScope() { os::setPlatform(nullptr); }
+    FakePlatformScope(const FakePlatformScope &) = delete;
+    FakePlatformScope &operator=(const FakePlatformScope &) = delete;
+};
