@@ -97,6 +97,12 @@ public:
     // GetWindowTextA into a zero-filled 4096-byte buffer: at most 4095 bytes, empty when the
     // window is gone or has no title.
     virtual std::string windowText(WindowHandle window) = 0;
+    // Decodes the record that Qt's native-event hook hands over ("xcb_generic_event_t" on X11,
+    // "windows_generic_MSG" on Windows) into a posted message; nullopt for anything that is
+    // not one of ours. On X11 this compares with the atom _CORVALEN_POSTED_MESSAGE interned on
+    // the layer's own connection.
+    virtual std::optional<NativeMessage> decodeNativeMessage(const void *record,
+                                                             std::size_t size) = 0;
 };
 
 // The platform in use: the real one unless a test replaced it.
@@ -106,13 +112,13 @@ void setPlatform(Platform *replacement);
 // The real platform of this build.
 Platform &realPlatform();
 
-// Decodes the record that Qt's native-event hook hands over ("xcb_generic_event_t" on X11,
-// "windows_generic_MSG" on Windows) into a posted message; nullopt for anything that is not
-// one of ours. `size` is the number of readable bytes behind `record`. On X11 this needs the
-// atom _CORVALEN_POSTED_MESSAGE, interned once on the layer's own connection; the pure
-// decoder below takes it as an argument (tests, fuzzing).
-std::optional<NativeMessage> decodeNativeMessage(const void *record, std::size_t size);
+// Number of readable bytes behind the record Qt's native-event hook hands over: an
+// xcb_generic_event_t (32) on X11, a MSG on Windows.
+extern const std::size_t kNativeMessageRecordSize;
+
 #ifndef _WIN32
+// Pure decoder of an X11 ClientMessage record (tests, fuzzing): nullopt unless it is one of
+// our posted messages, carried by the atom `postedMessageAtom`.
 std::optional<NativeMessage> decodeClientMessage(const void *record, std::size_t size,
                                                  std::uint32_t postedMessageAtom);
 #endif

@@ -46,6 +46,8 @@ public:
     std::vector<os::NativeMessage> posted;
     std::vector<os::WindowHandle> hidden;
     std::map<os::WindowHandle, std::string> titles;
+    // Records are decoded as X11 ClientMessages carrying this atom (Linux builds).
+    std::uint32_t postedMessageAtom = 0x1234;
 
     bool snapshotProcesses(std::vector<os::ProcessEntry> &out, std::uint32_t &error) override
     {
@@ -129,6 +131,15 @@ public:
     {
         auto it = titles.find(window);
         return it == titles.end() ? std::string() : it->second.substr(0, 4095);
+    }
+    std::optional<os::NativeMessage> decodeNativeMessage(const void *record,
+                                                         std::size_t size) override
+    {
+#ifdef _WIN32
+        return os::realPlatform().decodeNativeMessage(record, size);
+#else
+        return os::decodeClientMessage(record, size, postedMessageAtom);
+#endif
     }
 };
 
