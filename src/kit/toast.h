@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QTime>
+#include <QElapsedTimer>
 #include <QTimer>
 #include <QWidget>
 
@@ -27,7 +27,7 @@ private slots:
 private:
     Ui::Toast *ui;
     QTimer m_timer;
-    QTime m_elapsedTime;
+    QElapsedTimer m_elapsedTime;
     int m_iDurationMs = 0;
     QWidget *m_pAnchor = nullptr;
 };
