@@ -6,9 +6,11 @@
 constexpr std::uint32_t WM_USER_BASE = 0x0400;
 
 // Engine -> front end
-constexpr std::uint32_t WM_MYPROGRESS = WM_USER_BASE + 100;  // 1124, wParam: percent
-constexpr std::uint32_t WM_DISK_SPACE = WM_USER_BASE + 104;  // 1128, wParam: required MB, lParam: free MB
-constexpr std::uint32_t WM_PATH_INFO = WM_USER_BASE + 105;   // 1129, wParam: resolve, lParam: writable
+constexpr std::uint32_t WM_MYPROGRESS = WM_USER_BASE + 100; // 1124, wParam: percent
+constexpr std::uint32_t WM_DISK_SPACE =
+    WM_USER_BASE + 104; // 1128, wParam: required MB, lParam: free MB
+constexpr std::uint32_t WM_PATH_INFO =
+    WM_USER_BASE + 105; // 1129, wParam: resolve, lParam: writable
 // Both directions
 constexpr std::uint32_t WM_COMPLETE_INSTALL = WM_USER_BASE + 102; // 1126
 // Front end -> engine
