@@ -1,1 +1,391 @@
 #include "mainform/mainform.h"
+#include "ui_mainform.h"
+
+#include "app/global.h"
+#include "ipc/ipcmessages.h"
+#include "ipc/ipcmform.h"
+#include "kit/globalstyle.h"
+#include "kit/mymsgbox.h"
+#include "kit/toast.h"
+#include "kit/windowdrag.h"
+#include "mainform/installlogic.h"
+
+#include <QCloseEvent>
+#include <QCoreApplication>
+#include <QCursor>
+#include <QDesktopServices>
+#include <QFileDialog>
+#include <QtConcurrent/QtConcurrentMap>
+
+#include <functional>
+
+namespace {
+
+const QString kPrimaryButtonStyle = "background: #5998FF;\nborder-radius: 4px;\nfont-family: "
+                                    "Microsoft YaHei;\nfont-size: 14px;\ncolor: #FFFFFF;\n";
+const QString kPrimaryButtonHoverStyle = "background: #69A2FF;\nborder-radius: 4px;\nfont-family: "
+                                         "Microsoft YaHei;\nfont-size: 14px;\ncolor: #FFFFFF;\n";
+constexpr int kToastMs = 3000;
+
+} // namespace
+
+MainForm::MainForm(QWidget *parent) : QDialog(parent), ui(new Ui::MainForm)
+{
+    ui->setupUi(this);
+    setWindowFlags(Qt::Dialog | Qt::FramelessWindowHint);
+    setAttribute(Qt::WA_TranslucentBackground);
+    setWindowTitle("Corvalen");
+    ui->label->setText("Corvalen V" + Global::GetVersionNew());
+    ui->btnClose->resize(20, 20);
+
+    ui->btnInstall->setNormalStyle(kPrimaryButtonStyle);
+    ui->btnInstall->setHoverStyle(kPrimaryButtonHoverStyle);
+    ui->btnStartup->setNormalStyle(kPrimaryButtonStyle);
+    ui->btnStartup->setHoverStyle(kPrimaryButtonHoverStyle);
+
+    installEventFilter(this);
+    ui->btnMore0->installEventFilter(this);
+    ui->btnMore1->installEventFilter(this);
+    // Plain push buttons get hover events only when asked.
+    ui->btnMore0->setAttribute(Qt::WA_Hover);
+
+    ui->btnBrowserPath->setNormalStyle("border: 1px solid #E0E0E0; border-radius: 4px; "
+                                       "font-family: Microsoft YaHei; font-size: 14px;");
+    ui->btnBrowserPath->setHoverStyle("border: 1px solid #5998FF;color: #5998FF; border-radius: "
+                                      "4px; font-family: Microsoft YaHei; font-size: 14px;");
+    ui->txtPath->setNormalStyle("border: 1px solid #E0E0E0; border-radius: 4px; font-family: "
+                                "Microsoft YaHei; font-size: 14px; color: #54565A;");
+    ui->txtPath->setHoverStyle("border: 1px solid #5998FF; border-radius: 4px; font-family: "
+                               "Microsoft YaHei; font-size: 14px; color: #54565A;");
+    if (Global::GetDisableChoosePath())
+        ui->btnBrowserPath->setEnabled(false);
+
+    m_iWidth = width();
+    m_pToast = new Toast();
+    m_pToast->setAnchorWidget(this);
+    m_pToast->hide();
+
+    showChoosePage();
+    connect(&m_timerProgress, &QTimer::timeout, this, &MainForm::slUpdateProgress);
+
+    if (Global::IsSelfTest()) {
+        setInstallPath("C:\\Tandemo", true);
+        setDiskSpace(1500, 10000);
+    }
+
+    Global::SetWidgetProperty(ui->btnMore1, "css", "down");
+    Global::SetWidgetProperty(ui->btnChkbox, "css", "unchecked");
+    connect(ui->btnChkbox, SIGNAL(sgClicked(bool)), this, SLOT(slServiceClicked(bool)));
+    connect(ui->btnMore1, SIGNAL(sgFoldState(bool)), this, SLOT(slFoldState(bool)));
+    Global::LoadStyleSheet(this, ":/mainform.qss");
+}
+
+MainForm::~MainForm()
+{
+    if (m_pWatcher && m_pWatcher->isRunning()) {
+        m_pWatcher->cancel();
+        m_pWatcher->waitForFinished();
+    }
+    delete ui;
+}
+
+void MainForm::setIPCForm(IPCmForm *pIPCForm)
+{
+    m_pIPCForm = pIPCForm;
+}
+
+void MainForm::setInstallPath(const QString &strPath, bool bWritable)
+{
+    if (!strPath.isEmpty()) {
+        ui->txtPath->setText(strPath);
+        ui->txtPath->setCursorPosition(0);
+        repaint();
+    }
+    m_bWritable = bWritable;
+}
+
+void MainForm::setDiskSpace(std::uint32_t requiredMB, std::int32_t availableMB)
+{
+    m_nRequiredMB = requiredMB;
+    m_iAvailableMB = availableMB;
+    m_bPathMissing = false;
+    if (availableMB < 0) {
+        m_iAvailableMB = 0;
+        m_bPathMissing = true;
+        m_pToast->showToast(InstallLogic::missingFolderNotice(ui->txtPath->text()), kToastMs);
+    }
+    ui->lblSpace->setText(
+        QString("所需空间：%1MB 可用空间：%2MB").arg(requiredMB).arg(availableMB));
+    repaint();
+}
+
+void MainForm::setProgress(int iProgress)
+{
+    if (m_iState != 1)
+        return;
+    m_iProgress = iProgress > 100 ? 100 : iProgress;
+}
+
+void MainForm::quitApp()
+{
+    QCoreApplication::exit(0);
+}
+
+void MainForm::showChoosePage()
+{
+    m_iState = 0;
+    ui->btnInstall->show();
+    ui->frmService->show();
+    ui->btnMore0->show();
+    ui->btnMore1->show();
+    m_bUnfolded = false;
+    applyFoldState();
+    ui->lblInstalling->hide();
+    ui->lblProgressFg->hide();
+    ui->lblProgressBg->hide();
+    ui->btnStartup->hide();
+    repaint();
+}
+
+void MainForm::applyFoldState()
+{
+    const int h = m_bUnfolded ? m_nUnfoldedHeight : m_nFoldedHeight;
+    Global::SetWidgetProperty(ui->btnMore1, "css", m_bUnfolded ? "up" : "down");
+    setFixedSize(m_iWidth, h);
+    ui->frame->setFixedSize(m_iWidth, h);
+    ui->frame->move(0, 0);
+    if (m_pShadowFrame) {
+        m_pShadowFrame->hide();
+        m_pShadowFrame->deleteLater();
+    }
+    m_pShadowFrame = Global::CreateShadowFrame(this, ui->frame, 4, m_iShadowWidth);
+}
+
+bool MainForm::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched != ui->btnMore0 && watched != ui->btnMore1)
+        return QDialog::eventFilter(watched, event);
+    if (event->type() == QEvent::HoverEnter) {
+        ui->btnMore0->setStyleSheet(
+            "font-family: 'Microsoft YaHei';font - size: 14px;color: #5998FF;");
+        ui->btnMore1->setStyleSheet(m_bUnfolded
+                                        ? "image: url('://images/morechoose_up_hover.svg') ;"
+                                        : "image: url('://images/morechoose_down_hover.svg') ;");
+    } else if (event->type() == QEvent::HoverLeave) {
+        ui->btnMore0->setStyleSheet(
+            "font-family: 'Microsoft YaHei';font - size: 14px;color: #838487;");
+        ui->btnMore1->setStyleSheet(m_bUnfolded
+                                        ? "image: url('://images/morechoose_up_normal.svg') ;"
+                                        : "image: url('://images/morechoose_down_normal.svg') ;");
+    }
+    return QDialog::eventFilter(watched, event);
+}
+
+void MainForm::on_btnMore0_clicked()
+{
+    on_btnMore1_clicked();
+}
+
+void MainForm::on_btnMore1_clicked()
+{
+    m_bUnfolded = !m_bUnfolded;
+    applyFoldState();
+}
+
+void MainForm::slFoldState(bool) {}
+
+void MainForm::slServiceClicked(bool bChecked)
+{
+    Global::SetWidgetProperty(ui->btnChkbox, "css", bChecked ? "checked" : "unchecked");
+}
+
+void MainForm::on_btnBrowserPath_clicked()
+{
+    const QString strDir = QFileDialog::getExistingDirectory(
+        this, tr("Open Directory"), ui->txtPath->text(),
+        QFileDialog::ShowDirsOnly | QFileDialog::DontResolveSymlinks);
+    if (strDir.isEmpty())
+        return;
+    const QString strPath = InstallLogic::browsedInstallPath(strDir);
+    // Outside self-test the engine decides whether the new folder is writable.
+    setInstallPath(strPath, Global::IsSelfTest());
+    notifyInstallPath(strPath);
+}
+
+void MainForm::notifyInstallPath(const QString &strPath)
+{
+    if (m_pIPCForm)
+        m_pIPCForm->sendInstallPath(strPath);
+}
+
+void MainForm::on_btnService_clicked()
+{
+    QDesktopServices::openUrl(InstallLogic::serviceAgreementUrl());
+}
+
+void MainForm::on_btnPrivate_clicked()
+{
+    QDesktopServices::openUrl(InstallLogic::privacyPolicyUrl());
+}
+
+void MainForm::on_btnClose_clicked()
+{
+    if (m_iState == 2) {
+        QCoreApplication::exit(0);
+        return;
+    }
+    MyMsgBox box(this);
+    if (box.showMsg("确定退出安装吗？", QString()) != 1)
+        return;
+    if (m_pIPCForm)
+        m_pIPCForm->sendCancel();
+    quitLater(1000);
+}
+
+void MainForm::reject()
+{
+    on_btnClose_clicked();
+}
+
+void MainForm::closeEvent(QCloseEvent *event)
+{
+    event->ignore();
+    on_btnClose_clicked();
+}
+
+void MainForm::on_btnInstall_clicked()
+{
+    const QString strNotice = InstallLogic::installRefusal(
+        ui->btnChkbox->getCheckState(), m_bPathMissing, static_cast<std::uint32_t>(m_iAvailableMB),
+        m_nRequiredMB, m_bWritable, ui->txtPath->text());
+    if (!strNotice.isEmpty()) {
+        m_pToast->showToast(strNotice, kToastMs);
+        return;
+    }
+
+    delete m_pWatcher; // a check still running reports to nobody
+    m_pWatcher = new QFutureWatcher<bool>(this);
+    connect(m_pWatcher, &QFutureWatcher<bool>::resultReadyAt, this, &MainForm::slCheckAppRunning);
+    std::function<bool(const QString &)> isRunning = [](const QString &strName) {
+        return Global::IsProcessExists(strName);
+    };
+    m_pWatcher->setFuture(QtConcurrent::mapped(QStringList{"Tandemo.exe"}, isRunning));
+}
+
+void MainForm::slCheckAppRunning(int resultIndex)
+{
+    const bool bRunning = m_pWatcher->resultAt(resultIndex);
+    if (bRunning) {
+        MyMsgBox box(this);
+        if (box.showMsg("系统正在运行，是否关闭应用后继续安装？", QString()) != 1)
+            return;
+        for (const QString &strName : appSuiteProcessNames())
+            Global::KillProcessByProcessName(strName, false);
+    }
+    startInstall();
+}
+
+void MainForm::startInstall()
+{
+    showInstallingPage();
+    if (m_pIPCForm)
+        m_pIPCForm->sendStartInstall();
+    startSelfTestProgress();
+}
+
+void MainForm::startInstallWithoutAgreement()
+{
+    for (const QString &strName : appSuiteProcessNames())
+        Global::KillProcessByProcessName(strName, false);
+    startInstall();
+}
+
+void MainForm::showInstallingPage()
+{
+    m_iState = 1;
+    ui->btnInstall->hide();
+    ui->frmService->hide();
+    ui->btnMore0->hide();
+    ui->btnMore1->hide();
+    m_bUnfolded = false;
+    applyFoldState();
+    ui->lblInstalling->show();
+    ui->lblProgressFg->resize(16, ui->lblProgressFg->height());
+    ui->lblProgressFg->show();
+    ui->lblProgressBg->show();
+    ui->btnStartup->hide();
+    m_timerProgress.start(100);
+    repaint();
+}
+
+void MainForm::slUpdateProgress()
+{
+    const int w = InstallLogic::progressBarWidth(ui->lblProgressBg->width(), m_iProgress);
+    ui->lblProgressFg->resize(w, ui->lblProgressFg->height());
+    repaint();
+    if (m_iProgress == 100) {
+        Global::Delay(1000);
+        showCompletedPage();
+    }
+}
+
+void MainForm::showCompletedPage()
+{
+    m_iState = 2;
+    ui->btnInstall->hide();
+    ui->frmService->hide();
+    ui->btnMore0->hide();
+    ui->btnMore1->hide();
+    m_bUnfolded = false;
+    applyFoldState();
+    ui->lblInstalling->setText("安装完成");
+    ui->lblInstalling->show();
+    ui->lblProgressFg->hide();
+    ui->lblProgressBg->hide();
+    ui->lblLogo->setPixmap(QPixmap("://images/completed@2x.png"));
+    ui->btnStartup->show();
+    m_timerProgress.stop();
+    repaint();
+}
+
+void MainForm::on_btnStartup_clicked()
+{
+    if (m_pIPCForm)
+        m_pIPCForm->sendStartup();
+    quitLater(1000);
+}
+
+void MainForm::startSelfTestProgress()
+{
+    if (!Global::IsSelfTest())
+        return;
+    connect(&m_timerSelfTest, &QTimer::timeout, this, [this] {
+        m_iProgress += 2;
+        if (m_iProgress > 100)
+            m_iProgress = 100;
+        // The same path as the engine's messages: through the message window.
+        if (m_pIPCForm)
+            os::platform().postMessage(static_cast<os::WindowHandle>(m_pIPCForm->winId()),
+                                       WM_MYPROGRESS, static_cast<std::uint64_t>(m_iProgress), 0);
+        if (m_iProgress == 100)
+            m_timerSelfTest.stop();
+    });
+    m_timerSelfTest.start(100);
+}
+
+void MainForm::mousePressEvent(QMouseEvent *)
+{
+    m_bPressed = true;
+    m_ptLast = QCursor::pos();
+}
+
+void MainForm::mouseReleaseEvent(QMouseEvent *)
+{
+    m_bPressed = false;
+}
+
+void MainForm::mouseMoveEvent(QMouseEvent *)
+{
+    if (m_bPressed)
+        followCursor(this, m_ptLast);
+}

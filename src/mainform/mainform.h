@@ -31,6 +31,9 @@ public:
     void quitApp();
     void startInstallWithoutAgreement();
 
+    // Escape and the window manager's close go through the same question as the close button.
+    void reject() override;
+
 private slots:
     void on_btnClose_clicked();
     void on_btnInstall_clicked();
@@ -50,6 +53,7 @@ protected:
     void mousePressEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
     void mouseMoveEvent(QMouseEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
 
 private:
     void applyFoldState();
