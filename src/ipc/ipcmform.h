@@ -33,7 +33,7 @@ public:
 
     QString getInitPath();
 
-protected:
+    // Public so that a record can be fed without a display; the dispatcher calls it as usual.
     bool nativeEvent(const QByteArray &eventType, void *message, long *result) override;
 
 private slots:
