@@ -34,6 +34,8 @@ void Toast::setAnchorWidget(QWidget *anchor)
 
 void Toast::showToast(const QString &strText, int iDurationMs)
 {
+    // The style sheet's font only reaches the label when it is polished; measure with that one.
+    ui->label->ensurePolished();
     const int w = QFontMetrics(ui->label->font()).horizontalAdvance(strText) + 20;
     const QSize size(w, 34);
     setFixedSize(size);

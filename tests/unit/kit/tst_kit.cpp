@@ -1,0 +1,349 @@
+#include <QtTest>
+
+#include "kit/fonts.h"
+#include "kit/globalstyle.h"
+#include "kit/mycheckbox.h"
+#include "kit/myfoldbutton.h"
+#include "kit/mylineedit.h"
+#include "kit/mymsgbox.h"
+#include "kit/mypushbutton.h"
+
+#include <QFrame>
+#include <QGraphicsDropShadowEffect>
+#include <QLabel>
+
+namespace {
+
+// Counts how often a widget gets a new own style sheet (each brings a StyleChange).
+class PolishCounter : public QObject
+{
+public:
+    int polishes = 0;
+    bool eventFilter(QObject *, QEvent *e) override
+    {
+        if (e->type() == QEvent::StyleChange)
+            ++polishes;
+        return false;
+    }
+};
+
+void hover(QWidget *w, QEvent::Type type)
+{
+    QHoverEvent e(type, QPointF(1, 1), QPointF(-1, -1));
+    QCoreApplication::sendEvent(w, &e);
+}
+
+QFrame *backingFrame(QWidget *host)
+{
+    for (QFrame *f : host->findChildren<QFrame *>(QString(), Qt::FindDirectChildrenOnly))
+        if (f->graphicsEffect())
+            return f;
+    return nullptr;
+}
+
+} // namespace
+
+class tst_Kit : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { installFontSubstitutions(); }
+    void styleSheetFiles_data();
+    void styleSheetFiles();
+    void missingStyleSheetKeepsTheOld();
+    void images_data();
+    void images();
+    void shadowFrame();
+    void shadowFrameTwiceGrowsTwice();
+    void propertySwitchRepolishes();
+    void pushButtonHoverSwap();
+    void lineEditHoverSwap();
+    void twoStateButtons();
+    void geometrySetsIconSize();
+    void msgBoxResults_data();
+    void msgBoxResults();
+    void msgBoxButtons_data();
+    void msgBoxButtons();
+    void msgBoxLook();
+};
+
+void tst_Kit::styleSheetFiles_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("firstLine");
+    QTest::newRow("main window") << ":/mainform.qss"
+                                 << "QFrame#frame";
+    QTest::newRow("message box") << ":/mymsgbox.qss"
+                                 << "#MyMsgBox {";
+    QTest::newRow("toast") << ":/toast.qss"
+                           << "QFrame#frame {";
+}
+
+void tst_Kit::styleSheetFiles()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, firstLine);
+    QFile raw(path);
+    QVERIFY(raw.open(QFile::ReadOnly));
+    const QByteArray bytes = raw.readAll();
+    QVERIFY(bytes.startsWith("\xef\xbb\xbf")); // stored with a byte-order mark and CRLF
+    QVERIFY(bytes.contains("\r\n"));
+    QVERIFY(!bytes.contains("\n\n"));
+
+    QWidget w;
+    QVERIFY(Global::LoadStyleSheet(&w, path));
+    QVERIFY(w.styleSheet().startsWith(firstLine + "\r\n") ||
+            w.styleSheet().startsWith(firstLine + "\n"));
+    QVERIFY(!w.styleSheet().contains(QChar(0xfeff)));
+}
+
+void tst_Kit::missingStyleSheetKeepsTheOld()
+{
+    QWidget w;
+    w.setStyleSheet("color: red;");
+    QVERIFY(!Global::LoadStyleSheet(&w, ":/nothing-here.qss"));
+    QVERIFY(!Global::LoadStyleSheet(&w, "/definitely/not/a/file.qss"));
+    QVERIFY(!Global::LoadStyleSheet(nullptr, ":/toast.qss"));
+    QCOMPARE(w.styleSheet(), QString("color: red;"));
+}
+
+void tst_Kit::images_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QSize>("pixels");
+    QTest::addColumn<qreal>("ratio");
+    QTest::newRow("logo@2x") << "logo@2x.png" << QSize(100, 100) << 2.0;
+    QTest::newRow("logo@3x") << "logo@3x.png" << QSize(300, 300) << 3.0;
+    QTest::newRow("completed@2x") << "completed@2x.png" << QSize(60, 60) << 2.0;
+    for (const char *svg : {"close", "close_hover", "uncheck_normal", "uncheck_hover",
+                            "checked_normal", "checked_hover", "morechoose_down_normal",
+                            "morechoose_down_hover", "morechoose_up_normal", "morechoose_up_hover"})
+        QTest::newRow(svg) << QString(svg) + ".svg" << QSize(16, 16) << 1.0;
+    for (const char *png : {"uncheck_normal", "checked_hover", "morechoose_up_hover"})
+        QTest::newRow(png) << QString(png) + ".png" << QSize(16, 16) << 1.0;
+    QTest::newRow("completed vector") << "completed.svg" << QSize(60, 60) << 1.0;
+}
+
+void tst_Kit::images()
+{
+    QFETCH(QString, name);
+    QFETCH(QSize, pixels);
+    QFETCH(qreal, ratio);
+    for (const char *prefix : {":/images/", "://images/"}) {
+        QPixmap pixmap(QString(prefix) + name);
+        QVERIFY2(!pixmap.isNull(), qPrintable(QString(prefix) + name));
+        QCOMPARE(pixmap.size(), pixels);
+        if (name.endsWith(".png"))
+            QCOMPARE(pixmap.devicePixelRatio(), ratio);
+    }
+}
+
+void tst_Kit::shadowFrame()
+{
+    QWidget host;
+    host.resize(400, 300);
+    auto *content = new QWidget(&host);
+    QFrame *frame = Global::CreateShadowFrame(&host, content, 4, 8);
+    QCOMPARE(host.size(), QSize(416, 316));
+    QCOMPARE(host.minimumSize(), host.maximumSize());
+    QCOMPARE(frame->geometry(), QRect(8, 8, 400, 299));
+    QCOMPARE(content->geometry(), QRect(8, 8, 400, 300));
+    QCOMPARE(host.children().last(), static_cast<QObject *>(content)); // raised above the frame
+    QCOMPARE(frame->styleSheet(), QString("QFrame{background-color: #FFFFFF; border-radius:4px;}"));
+    auto *shadow = qobject_cast<QGraphicsDropShadowEffect *>(frame->graphicsEffect());
+    QVERIFY(shadow);
+    QCOMPARE(shadow->color(), QColor(0, 0, 0, 42));
+    QCOMPARE(shadow->blurRadius(), 8.0);
+    QCOMPARE(shadow->offset(), QPointF(0, 0));
+}
+
+void tst_Kit::shadowFrameTwiceGrowsTwice()
+{
+    QWidget host;
+    host.resize(100, 50);
+    Global::CreateShadowFrame(&host, nullptr, 4, 8);
+    Global::CreateShadowFrame(&host, nullptr, 4, 8);
+    QCOMPARE(host.size(), QSize(132, 82));
+}
+
+void tst_Kit::propertySwitchRepolishes()
+{
+    QWidget window;
+    window.setStyleSheet("QPushButton[css=unchecked] { color: #010203; }"
+                         "QPushButton[css=checked] { color: #0A0B0C; }");
+    auto *button = new QPushButton(&window);
+    Global::SetWidgetProperty(button, "css", "unchecked");
+    window.ensurePolished();
+    button->ensurePolished();
+    QCOMPARE(button->palette().color(QPalette::ButtonText), QColor("#010203"));
+    Global::SetWidgetProperty(button, "css", "checked");
+    QCOMPARE(button->property("css").toString(), QString("checked"));
+    QCOMPARE(button->palette().color(QPalette::ButtonText), QColor("#0A0B0C")); // at once
+}
+
+void tst_Kit::pushButtonHoverSwap()
+{
+    MyPushButton button;
+    QVERIFY(button.testAttribute(Qt::WA_Hover));
+    PolishCounter counter;
+    button.installEventFilter(&counter);
+    button.setNormalStyle("color: #111111;");
+    QCOMPARE(button.styleSheet(), QString("color: #111111;"));
+    const int afterFirst = counter.polishes;
+    QVERIFY(afterFirst > 0);
+    button.setNormalStyle("color: #111111;"); // already in place: nothing to do
+    QCOMPARE(counter.polishes, afterFirst);
+
+    // No hover text: hovering clears the own sheet, leaving restores the normal one.
+    hover(&button, QEvent::HoverEnter);
+    QCOMPARE(button.styleSheet(), QString());
+    hover(&button, QEvent::HoverLeave);
+    QCOMPARE(button.styleSheet(), QString("color: #111111;"));
+
+    button.setHoverStyle("color: #222222;");
+    QCOMPARE(button.styleSheet(), QString("color: #111111;")); // only at the next enter
+    hover(&button, QEvent::HoverEnter);
+    QCOMPARE(button.styleSheet(), QString("color: #222222;"));
+    button.setHoverStyle("color: #333333;");
+    QCOMPARE(button.styleSheet(), QString("color: #222222;"));
+    hover(&button, QEvent::HoverLeave);
+    QCOMPARE(button.styleSheet(), QString("color: #111111;"));
+}
+
+void tst_Kit::lineEditHoverSwap()
+{
+    MyLineEdit edit;
+    QVERIFY(edit.testAttribute(Qt::WA_Hover));
+    edit.setNormalStyle("border: 1px solid #E0E0E0;");
+    edit.setHoverStyle("border: 1px solid #5998FF;");
+    hover(&edit, QEvent::HoverEnter);
+    QCOMPARE(edit.styleSheet(), QString("border: 1px solid #5998FF;"));
+    hover(&edit, QEvent::HoverLeave);
+    QCOMPARE(edit.styleSheet(), QString("border: 1px solid #E0E0E0;"));
+}
+
+void tst_Kit::twoStateButtons()
+{
+    MyCheckBox box;
+    QSignalSpy clicked(&box, &MyCheckBox::sgClicked);
+    QVERIFY(!box.getCheckState());
+    box.click();
+    hover(&box, QEvent::HoverEnter);
+    hover(&box, QEvent::HoverLeave);
+    box.click();
+    QCOMPARE(clicked.size(), 4);
+    QCOMPARE(clicked.at(0).at(0).toBool(), true);
+    QCOMPARE(clicked.at(1).at(0).toBool(), true);
+    QCOMPARE(clicked.at(2).at(0).toBool(), true);
+    QCOMPARE(clicked.at(3).at(0).toBool(), false);
+    QVERIFY(!box.isChecked()); // its own state, not the base button's checkable mode
+    box.setCheckState(false);
+    QCOMPARE(clicked.size(), 5); // announced even when unchanged
+
+    MyFoldButton fold;
+    QSignalSpy folded(&fold, &MyFoldButton::sgFoldState);
+    QVERIFY(fold.getFoldState());
+    fold.click();
+    QCOMPARE(folded.size(), 1);
+    QCOMPARE(folded.at(0).at(0).toBool(), false);
+    hover(&fold, QEvent::HoverEnter);
+    QCOMPARE(folded.size(), 2);
+    QCOMPARE(folded.at(1).at(0).toBool(), false);
+}
+
+void tst_Kit::geometrySetsIconSize()
+{
+    MyFoldButton fold;
+    fold.setGeometry(QRect(250, 290, 20, 20));
+    QCOMPARE(fold.iconSize(), QSize(20, 20));
+    MyPushButton button;
+    button.resize(100, 34);
+    QCOMPARE(button.iconSize(), QSize(100, 34));
+    MyCheckBox box;
+    box.setGeometry(0, 5, 16, 16);
+    QCOMPARE(box.iconSize(), QSize(16, 16));
+}
+
+void tst_Kit::msgBoxResults_data()
+{
+    QTest::addColumn<QString>("button");
+    QTest::addColumn<int>("result");
+    QTest::newRow("confirm") << "btnOK" << 1;
+    QTest::newRow("cancel") << "btnCancel" << 0;
+    QTest::newRow("close") << "btnClose" << 0;
+    QTest::newRow("escape") << "" << 0;
+}
+
+void tst_Kit::msgBoxResults()
+{
+    QFETCH(QString, button);
+    QFETCH(int, result);
+    MyMsgBox box;
+    QTimer::singleShot(0, [&] {
+        QWidget *modal = QApplication::activeModalWidget();
+        QVERIFY(modal);
+        QCOMPARE(modal->findChild<QLabel *>("lblLine1")->text(), QString("确定退出安装吗？"));
+        if (button.isEmpty())
+            QTest::keyClick(modal, Qt::Key_Escape);
+        else
+            modal->findChild<QPushButton *>(button)->click();
+    });
+    QCOMPARE(box.showMsg("确定退出安装吗？", QString()), result);
+}
+
+void tst_Kit::msgBoxButtons_data()
+{
+    QTest::addColumn<bool>("cancel");
+    QTest::addColumn<bool>("ok");
+    QTest::addColumn<int>("cancelX"); // -1: hidden
+    QTest::addColumn<int>("okX");
+    QTest::newRow("both") << true << true << 80 << 230;
+    QTest::newRow("confirm alone") << false << true << -1 << 145;
+    QTest::newRow("cancel alone") << true << false << 145 << -1;
+    QTest::newRow("neither") << false << false << -1 << -1;
+}
+
+void tst_Kit::msgBoxButtons()
+{
+    QFETCH(bool, cancel);
+    QFETCH(bool, ok);
+    QFETCH(int, cancelX);
+    QFETCH(int, okX);
+    MyMsgBox box;
+    box.setButtonsVisible(cancel, ok);
+    box.show();
+    auto *btnCancel = box.findChild<QPushButton *>("btnCancel");
+    auto *btnOK = box.findChild<QPushButton *>("btnOK");
+    QCOMPARE(btnCancel->isVisible(), cancelX >= 0);
+    QCOMPARE(btnOK->isVisible(), okX >= 0);
+    if (cancelX >= 0)
+        QCOMPARE(btnCancel->pos(), QPoint(cancelX, 160));
+    if (okX >= 0)
+        QCOMPARE(btnOK->pos(), QPoint(okX, 160));
+}
+
+void tst_Kit::msgBoxLook()
+{
+    MyMsgBox box;
+    QCOMPARE(box.size(), QSize(416, 226));
+    QCOMPARE(box.windowFlags() & (Qt::FramelessWindowHint | Qt::Dialog),
+             Qt::WindowFlags(Qt::FramelessWindowHint | Qt::Dialog));
+    QCOMPARE(box.findChild<QLabel *>("lblTitle")->geometry(), QRect(0, 21, 400, 20));
+    QCOMPARE(box.findChild<QLabel *>("lblTitle")->text(), QString("提示"));
+    QCOMPARE(box.findChild<QPushButton *>("btnClose")->accessibleName(), QString("关闭"));
+    QCOMPARE(backingFrame(&box)->geometry(), QRect(8, 8, 400, 209));
+
+    box.setLines("确定退出安装吗？", QString());
+    box.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&box));
+    const QImage image = box.grab().toImage();
+    const QColor blue("#5998FF");
+    // Inside the confirm button, the white backing, the transparent shadow margin.
+    QCOMPARE(QColor(image.pixel(8 + 230 + 10, 8 + 160 + 5)).rgb(), blue.rgb());
+    QCOMPARE(QColor(image.pixel(8 + 20, 8 + 100)).rgb(), QColor(Qt::white).rgb());
+    QVERIFY(qAlpha(image.pixel(1, 1)) < 40);
+}
+
+QTEST_MAIN(tst_Kit)
+#include "tst_kit.moc"
