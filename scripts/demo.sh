@@ -1,23 +1,106 @@
 #!/usr/bin/env bash
-# Builds the front end and runs it in self-test mode; with no display, under a private Xvfb.
+# Builds the front end and the reference engine and runs a whole installation.
+# With a display: interactive, the engine waits for you. Without one: unattended under a
+# private Xvfb, clicking through the pages and saving a PNG of each to demo-out/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+root=$(pwd)
 
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc
+cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-engine \
+    corvalen-screenshot
 
-if [ -z "${DISPLAY:-}" ]; then
-    # shellcheck source=lib/xvfb.sh
-    source scripts/lib/xvfb.sh
-    start_private_xvfb
-    trap stop_private_xvfb EXIT
-    echo "demo.sh: no display; running unattended under Xvfb on $DISPLAY for 5 s"
-    build/bin/CorvalenSetup &
-    pid=$!
-    sleep 5
-    kill "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-else
-    exec build/bin/CorvalenSetup
+out="$root/demo-out"
+rm -rf "$out"
+mkdir -p "$out/install"
+
+if [ -n "${DISPLAY:-}" ]; then
+    echo "demo.sh: installing into $out/install/Tandemo; the engine's log is $out/engine.jsonl"
+    exec build/bin/corvalen-engine --target "$out/install/Tandemo" --log "$out/engine.jsonl"
 fi
+
+# shellcheck source=lib/xvfb.sh
+source scripts/lib/xvfb.sh
+start_private_xvfb
+engine_pid=
+cleanup() {
+    [ -n "$engine_pid" ] && kill "$engine_pid" 2>/dev/null || true
+    stop_private_xvfb
+}
+trap cleanup EXIT
+echo "demo.sh: no display; running unattended under Xvfb on $DISPLAY"
+
+# The visible window titled "Corvalen" of the given size: "id x y", or nothing.
+find_window() {
+    local id geometry
+    for id in $(xdotool search --onlyvisible --name '^Corvalen$' 2>/dev/null); do
+        geometry=$(xdotool getwindowgeometry "$id" 2>/dev/null) || continue
+        if grep -q "Geometry: $1" <<<"$geometry"; then
+            sed -n 's/.*Position: \([0-9-]*\),\([0-9-]*\).*/\1 \2/p' <<<"$geometry" | sed "s/^/$id /"
+            return 0
+        fi
+    done
+    return 1
+}
+
+wait_window() { # size, tries of 20 ms
+    local i
+    for ((i = 0; i < ${2:-500}; i++)); do
+        find_window "$1" && return 0
+        sleep 0.02
+    done
+    echo "demo.sh: no window of size $1" >&2
+    return 1
+}
+
+shoot() { # name x y w h: the window with a margin around its shadow
+    build/bin/corvalen-screenshot "$out/$1.png" $(($2 - 12)) $(($3 - 12)) $(($4 + 24)) $(($5 + 24))
+    echo "demo.sh: $out/$1.png"
+}
+
+click() { # window-x window-y x y
+    xdotool mousemove $(($1 + $3)) $(($2 + $4))
+    sleep 0.1
+    xdotool click 1
+}
+
+build/bin/corvalen-engine --target "$out/install/Tandemo" --log "$out/engine.jsonl" \
+    --chunk-kb 8 --unattended 2>"$out/frontend.log" &
+engine_pid=$!
+
+read -r _ x y < <(wait_window 416x136 || wait_window 400x120)
+shoot 1-loading "$x" "$y" 416 136
+
+read -r _ x y < <(wait_window 476x346)
+sleep 0.3
+shoot 2-choice-folded "$x" "$y" 476 346
+
+click "$x" "$y" $((8 + 221)) $((8 + 300)) # 更多选项
+read -r _ x y < <(wait_window 476x426)
+sleep 0.3
+shoot 3-choice-unfolded "$x" "$y" 476 426
+
+click "$x" "$y" $((8 + 96 + 8)) $((8 + 238 + 13)) # the agreement box
+click "$x" "$y" $((8 + 230)) $((8 + 207))          # 安装
+for _ in $(seq 1 500); do
+    grep -q '"msg":1124,"name":"WM_MYPROGRESS","ok":true,"t":[0-9]*,"wp":"[4-9][0-9]"' \
+        "$out/engine.jsonl" 2>/dev/null && break
+    sleep 0.02
+done
+read -r _ x y < <(wait_window 476x346)
+shoot 4-installing "$x" "$y" 476 346
+
+for _ in $(seq 1 1000); do
+    grep -q '"event":"copied"' "$out/engine.jsonl" 2>/dev/null && break
+    sleep 0.02
+done
+sleep 1.6 # the completion page follows a second after 100 %
+shoot 5-completed "$x" "$y" 476 346
+
+wait "$engine_pid"
+status=$?
+engine_pid=
+echo "demo.sh: engine exited with $status; installed files:"
+find "$out/install" -type f | sed "s|$out/||"
+exit "$status"
