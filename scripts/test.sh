@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The whole test suite: installs what it needs, builds into build/, runs every tier.
+# The whole test suite: installs what it needs, builds into build/, runs every tier: unit
+# (offscreen), os and e2e (under a private Xvfb), then the Windows tier under Wine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -16,5 +17,12 @@ start_private_xvfb
 trap stop_private_xvfb EXIT
 echo "test.sh: Xvfb on $DISPLAY"
 
-cd "$root/build"
-ctest --output-on-failure -j2 --timeout 300
+status=0
+(cd "$root/build" && ctest --output-on-failure -j2 --timeout 300) || status=1
+stop_private_xvfb
+trap - EXIT
+
+echo "test.sh: Windows tier (mingw-w64 + Wine)"
+scripts/test-windows.sh || status=1
+
+exit "$status"
