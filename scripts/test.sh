@@ -17,12 +17,19 @@ start_private_xvfb
 trap stop_private_xvfb EXIT
 echo "test.sh: Xvfb on $DISPLAY"
 
+log=$(mktemp)
 status=0
-(cd "$root/build" && ctest --output-on-failure -j2 --timeout 300) || status=1
+(cd "$root/build" && ctest --output-on-failure -j2 --timeout 300) 2>&1 | tee "$log" || status=1
 stop_private_xvfb
 trap - EXIT
 
 echo "test.sh: Windows tier (mingw-w64 + Wine)"
-scripts/test-windows.sh || status=1
+scripts/test-windows.sh 2>&1 | tee -a "$log" || status=1
 
+# One line over both ctest runs.
+read -r failed total < <(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\1 \2/p' "$log" |
+    awk '{ f += $1; t += $2 } END { print f + 0, t + 0 }')
+rm -f "$log"
+[ "$failed" -eq 0 ] || status=1
+echo "$((total - failed)) passed, $failed failed"
 exit "$status"

@@ -4,6 +4,8 @@
 #include <QDebug>
 #include <QTimer>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,18 @@ LaunchParameters &params()
 {
     static LaunchParameters p;
     return p;
+}
+
+// The process list, or nullopt after logging the failure under `who`.
+std::optional<std::vector<os::ProcessEntry>> takeSnapshot(const char *who)
+{
+    std::vector<os::ProcessEntry> entries;
+    std::uint32_t error = 0;
+    if (os::platform().snapshotProcesses(entries, error))
+        return entries;
+    qDebug().noquote()
+        << QString("%1: CreateToolhelp32Snapshot fail with %2").arg(QLatin1String(who)).arg(error);
+    return std::nullopt;
 }
 
 bool sameExeName(const std::string &entryName, const QString &strExeName)
@@ -112,48 +126,30 @@ bool IsSelfTest()
 
 bool IsProcessExists(const QString &strExeName)
 {
-    std::vector<os::ProcessEntry> entries;
-    std::uint32_t error = 0;
-    if (!os::platform().snapshotProcesses(entries, error)) {
-        qDebug().noquote()
-            << QString("Global::IsProcessExists: CreateToolhelp32Snapshot fail with %1").arg(error);
+    const auto entries = takeSnapshot("Global::IsProcessExists");
+    if (!entries)
         return false;
-    }
-    for (const os::ProcessEntry &entry : entries) {
-        if (sameExeName(entry.exeName, strExeName))
-            return true;
-    }
-    return false;
+    return std::any_of(entries->begin(), entries->end(), [&](const os::ProcessEntry &entry) {
+        return sameExeName(entry.exeName, strExeName);
+    });
 }
 
 bool IsProcessExists(std::uint32_t processId)
 {
-    std::vector<os::ProcessEntry> entries;
-    std::uint32_t error = 0;
-    if (!os::platform().snapshotProcesses(entries, error)) {
-        qDebug().noquote()
-            << QString("Global::IsProcessExists: CreateToolhelp32Snapshot fail with %1").arg(error);
+    const auto entries = takeSnapshot("Global::IsProcessExists");
+    if (!entries)
         return false;
-    }
-    for (const os::ProcessEntry &entry : entries) {
-        if (entry.id == processId)
-            return true;
-    }
-    return false;
+    return std::any_of(entries->begin(), entries->end(),
+                       [&](const os::ProcessEntry &entry) { return entry.id == processId; });
 }
 
 bool KillProcessByProcessName(const QString &strExeName, bool bKillAll)
 {
-    std::vector<os::ProcessEntry> entries;
-    std::uint32_t error = 0;
-    if (!os::platform().snapshotProcesses(entries, error)) {
-        qDebug().noquote()
-            << QString("Global::KillProcessByProcessName: CreateToolhelp32Snapshot fail with %1")
-                   .arg(error);
+    const auto entries = takeSnapshot("Global::KillProcessByProcessName");
+    if (!entries)
         return false;
-    }
     bool bResult = true;
-    for (const os::ProcessEntry &entry : entries) {
+    for (const os::ProcessEntry &entry : *entries) {
         if (!sameExeName(entry.exeName, strExeName))
             continue;
         if (!os::platform().terminateProcess(entry.id))

@@ -1,7 +1,6 @@
 #include "kit/mylineedit.h"
 
-#include <QEvent>
-#include <QStyle>
+#include "kit/styleswap.h"
 
 MyLineEdit::MyLineEdit(QWidget *parent) : QLineEdit(parent)
 {
@@ -12,7 +11,7 @@ MyLineEdit::MyLineEdit(QWidget *parent) : QLineEdit(parent)
 void MyLineEdit::setNormalStyle(const QString &style)
 {
     m_strNormalStyle = style;
-    applyStyle(m_strNormalStyle);
+    applyOwnStyleSheet(this, m_strNormalStyle);
 }
 
 void MyLineEdit::setHoverStyle(const QString &style)
@@ -22,20 +21,6 @@ void MyLineEdit::setHoverStyle(const QString &style)
 
 bool MyLineEdit::event(QEvent *e)
 {
-    if (e->type() == QEvent::HoverEnter)
-        applyStyle(m_strHoverStyle);
-    else if (e->type() == QEvent::HoverLeave)
-        applyStyle(m_strNormalStyle);
+    swapStyleOnHover(this, e, m_strNormalStyle, m_strHoverStyle);
     return QLineEdit::event(e);
-}
-
-void MyLineEdit::applyStyle(const QString &style)
-{
-    if (styleSheet() == style)
-        return;
-    setStyleSheet(style);
-    if (QStyle *s = this->style()) {
-        s->unpolish(this);
-        s->polish(this);
-    }
 }

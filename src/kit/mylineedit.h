@@ -18,8 +18,6 @@ protected:
     bool event(QEvent *e) override;
 
 private:
-    void applyStyle(const QString &style);
-
     QString m_strNormalStyle;
     QString m_strHoverStyle;
 };

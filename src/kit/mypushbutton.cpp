@@ -1,7 +1,6 @@
 #include "kit/mypushbutton.h"
 
-#include <QEvent>
-#include <QStyle>
+#include "kit/styleswap.h"
 
 MyPushButton::MyPushButton(QWidget *parent) : QPushButton(parent)
 {
@@ -12,7 +11,7 @@ MyPushButton::MyPushButton(QWidget *parent) : QPushButton(parent)
 void MyPushButton::setNormalStyle(const QString &style)
 {
     m_strNormalStyle = style;
-    applyStyle(m_strNormalStyle);
+    applyOwnStyleSheet(this, m_strNormalStyle);
 }
 
 void MyPushButton::setHoverStyle(const QString &style)
@@ -34,20 +33,6 @@ void MyPushButton::resize(int w, int h)
 
 bool MyPushButton::event(QEvent *e)
 {
-    if (e->type() == QEvent::HoverEnter)
-        applyStyle(m_strHoverStyle);
-    else if (e->type() == QEvent::HoverLeave)
-        applyStyle(m_strNormalStyle);
+    swapStyleOnHover(this, e, m_strNormalStyle, m_strHoverStyle);
     return QPushButton::event(e);
-}
-
-void MyPushButton::applyStyle(const QString &style)
-{
-    if (styleSheet() == style)
-        return;
-    setStyleSheet(style);
-    if (QStyle *s = this->style()) {
-        s->unpolish(this);
-        s->polish(this);
-    }
 }

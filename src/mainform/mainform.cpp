@@ -300,15 +300,20 @@ void MainForm::startInstallWithoutAgreement()
     startInstall();
 }
 
-void MainForm::showInstallingPage()
+void MainForm::hideChoiceGroup()
 {
-    m_iState = 1;
     ui->btnInstall->hide();
     ui->frmService->hide();
     ui->btnMore0->hide();
     ui->btnMore1->hide();
     m_bUnfolded = false;
     applyFoldState();
+}
+
+void MainForm::showInstallingPage()
+{
+    m_iState = 1;
+    hideChoiceGroup();
     ui->lblInstalling->show();
     ui->lblProgressFg->resize(16, ui->lblProgressFg->height());
     ui->lblProgressFg->show();
@@ -332,12 +337,7 @@ void MainForm::slUpdateProgress()
 void MainForm::showCompletedPage()
 {
     m_iState = 2;
-    ui->btnInstall->hide();
-    ui->frmService->hide();
-    ui->btnMore0->hide();
-    ui->btnMore1->hide();
-    m_bUnfolded = false;
-    applyFoldState();
+    hideChoiceGroup();
     ui->lblInstalling->setText("安装完成");
     ui->lblInstalling->show();
     ui->lblProgressFg->hide();

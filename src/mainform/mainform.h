@@ -59,6 +59,8 @@ private:
     void applyFoldState();
     void showChoosePage();
     void showInstallingPage();
+    // Leaves the choice page: its buttons hidden, the options folded away.
+    void hideChoiceGroup();
     void showCompletedPage();
     void notifyInstallPath(const QString &strPath);
     void startInstall();
