@@ -4,6 +4,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <string>
+
 namespace InitPath {
 
 // The IPC file's bytes as UTF-16LE code units: a byte-order mark stays part of the text and a
