@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what it needs, builds into build/, runs every tier: unit
-# (offscreen), os and e2e (under a private Xvfb), then the Windows tier under Wine.
+# (offscreen), os and e2e (under a private Xvfb), the same again under the sanitizers, the
+# Windows tier under Wine, and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -20,11 +21,17 @@ echo "test.sh: Xvfb on $DISPLAY"
 log=$(mktemp)
 status=0
 (cd "$root/build" && ctest --output-on-failure -j2 --timeout 300) 2>&1 | tee "$log" || status=1
+
+echo "test.sh: the same tiers under AddressSanitizer + UndefinedBehaviorSanitizer"
+scripts/sanitize.sh 2>&1 | tee -a "$log" || status=1
 stop_private_xvfb
 trap - EXIT
 
 echo "test.sh: Windows tier (mingw-w64 + Wine)"
 scripts/test-windows.sh 2>&1 | tee -a "$log" || status=1
+
+echo "test.sh: fuzz smoke run (3 s per target)"
+scripts/fuzz.sh 3 || status=1
 
 # One line over both ctest runs.
 read -r failed total < <(sed -n 's/.* tests passed, \([0-9]*\) tests failed out of \([0-9]*\)/\1 \2/p' "$log" |

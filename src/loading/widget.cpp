@@ -26,6 +26,9 @@ Widget::Widget(QWidget *parent) : QWidget(parent), ui(new Ui::Widget)
 
 Widget::~Widget()
 {
+    // The windows it made live until the event loop is over; they go with it.
+    delete m_pMainForm;
+    delete m_pIPCForm;
     delete ui;
 }
 

@@ -86,6 +86,7 @@ MainForm::~MainForm()
         m_pWatcher->cancel();
         m_pWatcher->waitForFinished();
     }
+    delete m_pToast; // a top-level window of its own, not a Qt child
     delete ui;
 }
 

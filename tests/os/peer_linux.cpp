@@ -71,11 +71,14 @@ int main(int argc, char **argv)
                         static_cast<long long>(message->lParam),
                         static_cast<unsigned long>(message->window));
             std::fflush(stdout);
-            if (message->message == 1)
+            if (message->message == 1) {
+                xcb_disconnect(c);
                 return 0;
+            }
         }
         if (xcb_connection_has_error(c))
-            return 3;
+            break;
     }
+    xcb_disconnect(c);
     return 1;
 }
