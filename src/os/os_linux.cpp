@@ -108,7 +108,9 @@ std::string findProgram(const std::string &name)
     for (const std::string &dir : dirs) {
         if (dir.empty())
             continue;
-        const std::string candidate = dir + "/" + name;
+        std::string candidate = dir;
+        candidate += '/';
+        candidate += name;
         if (isExecutableFile(candidate))
             return candidate;
     }
@@ -234,6 +236,7 @@ public:
             return 0;
 
         std::vector<char *> argv;
+        argv.reserve(tokens.size() + 1);
         for (std::string &t : tokens)
             argv.push_back(t.data());
         argv.push_back(nullptr);

@@ -47,6 +47,8 @@
 
 namespace {
 
+constexpr qint64 kMiB = qint64(1024) * 1024;
+
 struct Options
 {
     QString frontEnd;
@@ -115,7 +117,7 @@ qint64 freeMB(const QString &path)
     struct statvfs st;
     if (statvfs(QFile::encodeName(nearestExistingAncestor(path)).constData(), &st) != 0)
         return 0;
-    return static_cast<qint64>(st.f_bavail) * static_cast<qint64>(st.f_frsize) / (1024 * 1024);
+    return static_cast<qint64>(st.f_bavail) * static_cast<qint64>(st.f_frsize) / kMiB;
 }
 
 bool writable(const QString &path)
@@ -170,8 +172,7 @@ public:
             m_options.target = m_scratch.path() + "/Program Files/Tandemo";
         collectPayload();
         if (m_options.requiredMB < 0)
-            m_options.requiredMB =
-                qMax<qint64>(1, (m_totalBytes + 1024 * 1024 - 1) / (1024 * 1024));
+            m_options.requiredMB = qMax<qint64>(1, (m_totalBytes + kMiB - 1) / kMiB);
 
         // Step 2: the proposal, before the front end can ask for it.
         const QString proposal = toWindowsPath(m_options.target);
@@ -315,7 +316,7 @@ private:
                     return;
                 }
             }
-            const QByteArray data = m_in->read(qMin<qint64>(budget, 64 * 1024));
+            const QByteArray data = m_in->read(qMin<qint64>(budget, qint64(64) * 1024));
             m_out->write(data);
             budget -= data.size();
             m_copiedBytes += data.size();
