@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# Measures the front end against a minimal Qt Widgets program under a private Xvfb and prints
+# one table. Usage: bench/run.sh [pairs] (default 10 alternating start-up pairs).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+pairs=${1:-10}
+
+scripts/install-deps.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-bench \
+    corvalen-bench-minimal >/dev/null
+bin=build/bin
+
+# shellcheck source=../scripts/lib/xvfb.sh
+source scripts/lib/xvfb.sh
+start_private_xvfb
+trap stop_private_xvfb EXIT
+
+median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+
+# Start-up, A/B alternating so that both see the same machine state.
+front=() minimal=() ratios=()
+for ((i = 0; i < pairs; i++)); do
+    a=$($bin/corvalen-bench startup "$bin/CorvalenSetup")
+    b=$($bin/corvalen-bench startup "$bin/corvalen-bench-minimal")
+    front+=("$a") minimal+=("$b")
+    ratios+=("$(awk -v a="$a" -v b="$b" 'BEGIN { printf "%.3f", a / b }')")
+done
+startup_front=$(printf '%s\n' "${front[@]}" | median)
+startup_minimal=$(printf '%s\n' "${minimal[@]}" | median)
+startup_ratio=$(printf '%s\n' "${ratios[@]}" | median)
+
+# Peak RSS: a whole self-test installation driven by clicks, against the minimal program.
+peak() { # pid: VmHWM in kB, polled until the process ends
+    local pid=$1 hwm=0 v
+    while kill -0 "$pid" 2>/dev/null; do
+        v=$(sed -n 's/^VmHWM:[[:space:]]*\([0-9]*\) kB/\1/p' /proc/"$pid"/status 2>/dev/null || true)
+        [ -n "$v" ] && hwm=$v
+        sleep 0.05
+    done
+    echo "$hwm"
+}
+find_window() { # size -> "id x y"
+    local id g
+    for id in $(xdotool search --onlyvisible --name '^Corvalen$' 2>/dev/null); do
+        g=$(xdotool getwindowgeometry "$id" 2>/dev/null) || continue
+        grep -q "Geometry: $1" <<<"$g" &&
+            sed -n 's/.*Position: \([0-9-]*\),\([0-9-]*\).*/\1 \2/p' <<<"$g" && return 0
+    done
+    return 1
+}
+click() { xdotool mousemove $(($1 + $3)) $(($2 + $4)); sleep 0.1; xdotool click 1; }
+
+$bin/CorvalenSetup 2>/dev/null &
+fe=$!
+peak "$fe" >/tmp/corvalen-bench-peak &
+watcher=$!
+for _ in $(seq 1 200); do pos=$(find_window 476x346) && break; sleep 0.05; done
+read -r x y <<<"$pos"
+click "$x" "$y" $((8 + 112 - 8)) $((8 + 251 - 8))
+click "$x" "$y" $((8 + 230)) $((8 + 207))
+sleep 7 # 50 steps of 100 ms, then the completion page a second later
+click "$x" "$y" $((8 + 230)) $((8 + 261))
+wait "$fe" || true
+wait "$watcher"
+rss_front=$(cat /tmp/corvalen-bench-peak)
+
+$bin/corvalen-bench-minimal &
+mp=$!
+peak "$mp" >/tmp/corvalen-bench-peak &
+watcher=$!
+sleep 3
+kill "$mp"
+wait "$mp" 2>/dev/null || true
+wait "$watcher"
+rss_minimal=$(cat /tmp/corvalen-bench-peak)
+rm -f /tmp/corvalen-bench-peak
+
+# Latency, idle CPU and the flood.
+declare -A conv
+while read -r key value; do conv[$key]=$value; done < <($bin/corvalen-bench conversation \
+    "$bin/CorvalenSetup" 1000 100000 30)
+
+printf '\n%-46s %12s %12s %8s %s\n' measure "front end" minimal ratio target
+printf '%-46s %12s %12s %8s %s\n' "start-up, spawn -> first map (ms, median)" \
+    "$startup_front" "$startup_minimal" "$startup_ratio" "<= 1.2 (+10 ms gate)"
+printf '%-46s %12s %12s %8s %s\n' "start-up less the 10 ms gate allowance" \
+    "$(awk -v a="$startup_front" 'BEGIN { printf "%.2f", a - 10 }')" "$startup_minimal" \
+    "$(awk -v a="$startup_front" -v b="$startup_minimal" 'BEGIN { printf "%.3f", (a - 10) / b }')" "<= 1.2"
+printf '%-46s %12s %12s %8s %s\n' "peak RSS, whole self-test install (kB)" "$rss_front" \
+    "$rss_minimal" "$(awk -v a="$rss_front" -v b="$rss_minimal" 'BEGIN { printf "%.2f", a / b }')" "<= 1.2"
+printf '%-46s %12s %12s %8s %s\n' "post -> receive line, median (ms)" "${conv[latency_median_ms]}" - - "< 1"
+printf '%-46s %12s %12s %8s %s\n' "post -> receive line, p99 (ms)" "${conv[latency_p99_ms]}" - - "< 5"
+printf '%-46s %12s %12s %8s %s\n' "flood: received / posted" \
+    "${conv[flood_received]}/${conv[flood_posted]}" - - "0 lost"
+printf '%-46s %12s %12s %8s %s\n' "RSS after the flood (kB)" "${conv[flood_rss_kb]}" - - -
+printf '%-46s %12s %12s %8s %s\n' "idle on the choice page, 30 s (% of a core)" \
+    "${conv[idle_cpu_percent]}" - - "< 1"
