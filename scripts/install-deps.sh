@@ -12,8 +12,8 @@ packages=(
     xvfb xauth xdotool fonts-wqy-microhei
     # Windows tier: cross compiler and Wine
     g++-mingw-w64-x86-64-posix wine64
-    # fuzzing and sanitizers
-    clang libclang-rt-14-dev
+    # fuzzing, sanitizers, static analysis
+    clang libclang-rt-14-dev clang-tidy
 )
 
 missing=()

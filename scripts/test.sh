@@ -30,6 +30,9 @@ trap - EXIT
 echo "test.sh: Windows tier (mingw-w64 + Wine)"
 scripts/test-windows.sh 2>&1 | tee -a "$log" || status=1
 
+echo "test.sh: clang-tidy"
+scripts/tidy.sh || status=1
+
 echo "test.sh: fuzz smoke run (3 s per target)"
 scripts/fuzz.sh 3 || status=1
 
