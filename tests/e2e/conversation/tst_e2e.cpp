@@ -122,6 +122,8 @@ private slots:
     void engineKilledMidway();
     void frontEndKilledMidway();
     void selfTestByClicks();
+    void engineWindowKeptHidden();
+    void helperServiceRestarted();
     void startupLog_data();
     void startupLog();
     void secondInstance();
@@ -287,6 +289,24 @@ void tst_E2E::browseAnswersAndMissingFolder()
     QStringList out = messages(log(), "out");
     QCOMPARE(out.mid(2, 2), QStringList({"1129/0", "1128/" + out[1].section('/', 1)}));
 
+    // On to the end: the whole conversation in one log, in its order.
+    main = visibleWindow(QSize(476, 426));
+    clickAt(main, kCheckBox);
+    clickAt(main, kInstall);
+    QTRY_VERIFY_WITH_TIMEOUT(messages(log(), "out").contains("1124/100"), 20000);
+    QTest::qWait(1800);
+    clickAt(main, kStartup);
+    QCOMPARE(waitEngine(), 0);
+    QVERIFY(sameTree(m_payload, chosen + "/Tandemo")); // installed where the user browsed to
+    const QStringList in = messages(log(), "in");
+    QCOMPARE(in.mid(1), QStringList({"1125/0", "1125/1", "1126/0"}));
+    QVERIFY(in.first().startsWith("1224/"));
+    out = messages(log(), "out");
+    QCOMPARE(out.mid(0, 4).join(' ').count("1129/"), 2);
+    QVERIFY(out.at(0) == "1129/1" && out.at(2) == "1129/0");
+    QVERIFY(out.at(4).startsWith("1124/"));
+    QCOMPARE(out.last(), QString("1124/100"));
+
     // A folder that does not exist: the engine reports -1 and the install button refuses.
     m_engine->kill();
     m_engine->waitForFinished();
@@ -326,6 +346,7 @@ void tst_E2E::overwriteQuestion()
         QCOMPARE(waitEngine(10000), 1);
         QCOMPARE(messages(log(), "in"), QStringList("1127/0"));
         QVERIFY(frontEndLog().contains("send message to window("));
+        QCOMPARE(log().last()["frontEndCode"].toInt(), 0);
     }
 }
 
@@ -383,6 +404,49 @@ void tst_E2E::selfTestByClicks()
     clickAt(main, kStartup);
     QVERIFY(fe.waitForFinished(5000));
     QCOMPARE(fe.exitCode(), 0);
+}
+
+void tst_E2E::engineWindowKeptHidden()
+{
+    startEngine({"--target", m_dir.path() + "/hidden/Tandemo"});
+    QTRY_VERIFY_WITH_TIMEOUT(!visibleWindow(kMainFolded).isEmpty(), 15000);
+    QString engineWindow;
+    for (const QJsonObject &o : log())
+        if (o["event"] == "started")
+            engineWindow = QString::number(o["window"].toVariant().toLongLong());
+    QVERIFY(!engineWindow.isEmpty());
+    auto engineVisible = [&] {
+        return xdotool({"search", "--onlyvisible", "--name", "^corvalen-engine$"})
+            .contains(engineWindow);
+    };
+    // With the front end stopped the engine's window stays up once mapped...
+    const auto fe = static_cast<pid_t>(frontEndPid());
+    ::kill(fe, SIGSTOP);
+    xdotool({"windowmap", engineWindow});
+    QTest::qWait(300);
+    QVERIFY(engineVisible());
+    // ...and the running front end unmaps it again within its 100 ms timer.
+    ::kill(fe, SIGCONT);
+    QTRY_VERIFY_WITH_TIMEOUT(!engineVisible(), 1000);
+    xdotool({"windowmap", engineWindow});
+    QTRY_VERIFY_WITH_TIMEOUT(!engineVisible(), 1000);
+}
+
+void tst_E2E::helperServiceRestarted()
+{
+    startEngine({"--target", m_dir.path() + "/svc/Tandemo"});
+    QTRY_VERIFY_WITH_TIMEOUT(frontEndLog().count("CreateProcess(\"TandemoInstSvc.exe\"") == 1,
+                             15000);
+    const qint64 fe = frontEndPid();
+    const QString arguments = QString("%1 %2").arg(fe).arg(m_engine->processId());
+    QVERIFY(frontEndLog().contains(
+        QString("CreateProcess(\"TandemoInstSvc.exe\", \"%1\") ok, pid=").arg(arguments)));
+    QProcess::execute("pkill", {"-KILL", "-f", "TandemoInstSvc.exe " + arguments});
+    // A new one within the watchdog's second, with the same arguments.
+    QTRY_COMPARE_WITH_TIMEOUT(
+        frontEndLog().count(
+            QString("CreateProcess(\"TandemoInstSvc.exe\", \"%1\") ok, pid=").arg(arguments)),
+        2, 3000);
 }
 
 void tst_E2E::startupLog_data()
