@@ -8,6 +8,7 @@
 #include "kit/toast.h"
 #include "mainform/installlogic.h"
 #include "mainform/mainform.h"
+#include "modalanswer.h"
 
 #include <QDesktopServices>
 #include <QLabel>
@@ -47,17 +48,6 @@ int liveShadowFrames(QWidget *window)
         if (f->graphicsEffect())
             ++n;
     return n;
-}
-
-void answerNextBox(const QString &button, QString *asked = nullptr)
-{
-    QTimer::singleShot(30, [button, asked] {
-        QWidget *box = QApplication::activeModalWidget();
-        QVERIFY(box);
-        if (asked)
-            *asked = box->findChild<QLabel *>("lblLine1")->text();
-        box->findChild<QPushButton *>(button)->click();
-    });
 }
 
 class UrlCatcher : public QObject

@@ -8,6 +8,7 @@
 #include "loading/widget.h"
 #include "logcapture.h"
 #include "mainform/mainform.h"
+#include "modalanswer.h"
 
 #include <QLabel>
 #include <QPushButton>
@@ -15,21 +16,6 @@
 Q_DECLARE_METATYPE(std::optional<int>)
 
 namespace {
-
-// Answers the next modal box by clicking `button`, or with Escape when it is empty.
-void answerNextBox(const QString &button, QString *text = nullptr)
-{
-    QTimer::singleShot(50, [button, text] {
-        QWidget *box = QApplication::activeModalWidget();
-        QVERIFY(box);
-        if (text)
-            *text = box->findChild<QLabel *>("lblLine1")->text();
-        if (button.isEmpty())
-            QTest::keyClick(box->focusWidget() ? box->focusWidget() : box, Qt::Key_Escape);
-        else
-            box->findChild<QPushButton *>(button)->click();
-    });
-}
 
 int postsOf(const FakePlatform &fake, std::uint32_t msg)
 {
