@@ -9,7 +9,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev libxcb1-dev
     googletest libgtest-dev
     # display for the os and e2e tiers, the demo's screenshots, fonts for the CJK texts
-    xvfb xauth xdotool fonts-wqy-microhei
+    xvfb xauth xdotool fonts-wqy-microhei procps
     # Windows tier: cross compiler and Wine
     g++-mingw-w64-x86-64-posix wine64
     # fuzzing, sanitizers, static analysis
