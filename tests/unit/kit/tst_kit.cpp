@@ -343,6 +343,16 @@ void tst_Kit::msgBoxLook()
     QCOMPARE(QColor(image.pixel(8 + 230 + 10, 8 + 160 + 5)).rgb(), blue.rgb());
     QCOMPARE(QColor(image.pixel(8 + 20, 8 + 100)).rgb(), QColor(Qt::white).rgb());
     QVERIFY(qAlpha(image.pixel(1, 1)) < 40);
+
+    // One button: confirm alone, centred; white where cancel used to be.
+    MyMsgBox single;
+    single.setButtonsVisible(false, true);
+    single.setLines("已安装高版本V3.1.0.0，如果要安装当前版本，请先卸载高版本。", QString());
+    single.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&single));
+    const QImage one = single.grab().toImage();
+    QCOMPARE(QColor(one.pixel(8 + 145 + 10, 8 + 160 + 5)).rgb(), blue.rgb());
+    QCOMPARE(QColor(one.pixel(8 + 80 + 3, 8 + 160 + 17)).rgb(), QColor(Qt::white).rgb());
 }
 
 QTEST_MAIN(tst_Kit)

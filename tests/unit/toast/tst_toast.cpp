@@ -16,6 +16,7 @@ private slots:
     void secondNoticeReplacesFirst();
     void fadesAndHides();
     void neverTakesFocus();
+    void look();
 };
 
 void tst_Toast::fitsTextAndCentresOnAnchor_data()
@@ -94,6 +95,25 @@ void tst_Toast::neverTakesFocus()
     QVERIFY(toast.windowFlags() & Qt::FramelessWindowHint);
     QVERIFY(toast.testAttribute(Qt::WA_TranslucentBackground));
     QCOMPARE(toast.windowTitle(), QString("toast"));
+}
+
+void tst_Toast::look()
+{
+    Toast toast;
+    toast.showToast("磁盘空间不足。请先清理磁盘，或选择另一个磁盘。", 3000);
+    QVERIFY(QTest::qWaitForWindowExposed(&toast));
+    const QImage image = toast.grab().toImage();
+    // A black strip at 80 % with white text across its middle row.
+    const QRgb edge = image.pixel(4, 17);
+    QCOMPARE(qRed(edge) + qGreen(edge) + qBlue(edge), 0);
+    QVERIFY(qAbs(qAlpha(edge) - 204) <= 2);
+    int white = 0;
+    for (int x = 10; x < image.width() - 10; ++x) {
+        const QRgb p = image.pixel(x, 17);
+        if (qRed(p) > 200 && qGreen(p) > 200 && qBlue(p) > 200)
+            ++white;
+    }
+    QVERIFY(white > 10);
 }
 
 QTEST_MAIN(tst_Toast)
