@@ -18,11 +18,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <mutex>
-#include <sstream>
 
 extern char **environ;
 
@@ -41,10 +38,40 @@ std::string baseName(const std::string &path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+// Plain reads rather than streams: iostreams would pull libstdc++'s locale machinery into
+// every process for a handful of /proc files.
 std::string readWholeFile(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::string text;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return text;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof(buffer));
+        if (n > 0)
+            text.append(buffer, static_cast<std::size_t>(n));
+        else if (n == 0 || errno != EINTR)
+            break;
+    }
+    close(fd);
+    return text;
+}
+
+// Fields between separators; with skipEmpty, runs of separators count as one.
+std::vector<std::string> splitText(const std::string &text, const char *separators, bool skipEmpty)
+{
+    std::vector<std::string> fields;
+    std::size_t start = 0;
+    for (;;) {
+        const std::size_t end = text.find_first_of(separators, start);
+        std::string field = text.substr(start, end == std::string::npos ? end : end - start);
+        if (!skipEmpty || !field.empty())
+            fields.push_back(std::move(field));
+        if (end == std::string::npos)
+            return fields;
+        start = end + 1;
+    }
 }
 
 // The name a process runs under: the executable's file name, else argv[0] (a renamed copy run
@@ -100,9 +127,7 @@ std::string findProgram(const std::string &name)
         return isExecutableFile(name) ? name : std::string();
     std::vector<std::string> dirs{ownDirectory(), "."};
     if (const char *path = std::getenv("PATH")) {
-        std::stringstream ss(path);
-        std::string dir;
-        while (std::getline(ss, dir, ':'))
+        for (const std::string &dir : splitText(path, ":", false))
             dirs.push_back(dir.empty() ? "." : dir);
     }
     for (const std::string &dir : dirs) {
@@ -224,11 +249,7 @@ public:
 
     ProcessHandle startProcess(const std::string &commandLine, ProcessId &newId) override
     {
-        std::vector<std::string> tokens;
-        std::stringstream ss(commandLine);
-        std::string token;
-        while (ss >> token)
-            tokens.push_back(token);
+        std::vector<std::string> tokens = splitText(commandLine, " \t\n\v\f\r", true);
         if (tokens.empty())
             return 0;
         const std::string program = findProgram(tokens.front());
@@ -399,9 +420,7 @@ public:
     // "Xft.dpi:\t144" in the resource database text; 96 when absent or unparsable.
     static int xftDpiFromResources(const std::string &resources)
     {
-        std::stringstream ss(resources);
-        std::string line;
-        while (std::getline(ss, line)) {
+        for (const std::string &line : splitText(resources, "\n", false)) {
             const std::string key = "Xft.dpi:";
             if (line.compare(0, key.size(), key) != 0)
                 continue;
