@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QFrame>
 #include <QGraphicsDropShadowEffect>
+#include <QIcon>
+#include <QPixmap>
 #include <QStyle>
 #include <QTextStream>
 #include <QWidget>
@@ -39,8 +41,9 @@ QFrame *CreateShadowFrame(QWidget *host, QWidget *content, int radius, int shado
     host->setFixedSize(size.width() + 2 * shadowWidth, size.height() + 2 * shadowWidth);
 
     auto *frame = new QFrame(host);
-    frame->setStyleSheet(
-        QString("QFrame{background-color: #FFFFFF; border-radius:%1px;}").arg(radius));
+    const QString style =
+        QString("QFrame{background-color: #FFFFFF; border-radius:%1px;}").arg(radius);
+    frame->setStyleSheet(style);
     // One pixel shorter than the content, so the backing never peeks out below it.
     frame->setGeometry(shadowWidth, shadowWidth, size.width(), size.height() - 1);
 
@@ -66,6 +69,13 @@ void Delay(unsigned int ms)
     timer.start();
     while (static_cast<quint64>(timer.elapsed()) < ms)
         QCoreApplication::processEvents(QEventLoop::AllEvents);
+}
+
+QIcon LogoIcon()
+{
+    // Built from the pixmap cache's copy, which the logo labels already hold; an icon made
+    // from the file would decode its own 360 KB copy for every window.
+    return QIcon(QPixmap(QStringLiteral(":/images/logo@3x.png")));
 }
 
 } // namespace Global

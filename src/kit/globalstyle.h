@@ -3,6 +3,7 @@
 #pragma once
 
 class QFrame;
+class QIcon;
 class QString;
 class QWidget;
 
@@ -12,5 +13,6 @@ bool LoadStyleSheet(QWidget *widget, const QString &strPath);
 void SetWidgetProperty(QWidget *widget, const char *name, const QString &value);
 QFrame *CreateShadowFrame(QWidget *host, QWidget *content, int radius, int shadowWidth);
 void Delay(unsigned int ms);
+QIcon LogoIcon();
 
 } // namespace Global

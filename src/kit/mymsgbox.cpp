@@ -10,6 +10,7 @@
 MyMsgBox::MyMsgBox(QWidget *parent) : QDialog(parent), ui(new Ui::MyMsgBox)
 {
     ui->setupUi(this);
+    setWindowIcon(Global::LogoIcon());
     setWindowFlags(Qt::FramelessWindowHint | Qt::Dialog);
     setAttribute(Qt::WA_TranslucentBackground);
     setWindowTitle("Corvalen");

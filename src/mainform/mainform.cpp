@@ -32,6 +32,7 @@ constexpr int kToastMs = 3000;
 MainForm::MainForm(QWidget *parent) : QDialog(parent), ui(new Ui::MainForm)
 {
     ui->setupUi(this);
+    setWindowIcon(Global::LogoIcon());
     setWindowFlags(Qt::Dialog | Qt::FramelessWindowHint);
     setAttribute(Qt::WA_TranslucentBackground);
     setWindowTitle("Corvalen");
