@@ -12,6 +12,8 @@
 #include <QCoreApplication>
 #include <QCursor>
 #include <QDebug>
+#include <QFrame>
+#include <QGraphicsEffect>
 #include <QStringList>
 #include <QTimer>
 #include <QTimerEvent>
@@ -113,7 +115,7 @@ void Widget::startAnimation()
 {
     ui->lblProgress->setText(progressText(m_iProgress));
     m_iTimerId = startTimer(50, Qt::CoarseTimer);
-    Global::CreateShadowFrame(this, ui->frame, 4, 8);
+    m_pShadowFrame = Global::CreateShadowFrame(this, ui->frame, 4, 8);
     show();
 }
 
@@ -127,9 +129,19 @@ void Widget::timerEvent(QTimerEvent *)
         return;
     killTimer(m_iTimerId);
     hide();
+    releaseSurface();
     m_pMainForm->show();
     if (Global::GetWithoutAgreement())
         m_pMainForm->startInstallWithoutAgreement();
+}
+
+void Widget::releaseSurface()
+{
+    // Never shown again after the hand-over: its surface and the shadow's cached image would
+    // otherwise stay for the life of the process, and be counted in the main window's peak.
+    if (QGraphicsEffect *effect = m_pShadowFrame ? m_pShadowFrame->graphicsEffect() : nullptr)
+        effect->setEnabled(false);
+    destroy();
 }
 
 void Widget::mousePressEvent(QMouseEvent *)

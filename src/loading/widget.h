@@ -12,6 +12,7 @@ namespace Ui {
 class Widget;
 }
 class MainForm;
+class QFrame;
 class IPCmForm;
 
 // The loading window; also hosts the helper service, the installer watchdog and the
@@ -40,12 +41,14 @@ private slots:
 
 private:
     void startAnimation();
+    void releaseSurface();
 
     bool m_bPressed = false;
     QPoint m_ptLast;
     Ui::Widget *ui;
     int m_iTimerId = 0;
     std::uint32_t m_iProgress = 0;
+    QFrame *m_pShadowFrame = nullptr;
     MainForm *m_pMainForm = nullptr;
     IPCmForm *m_pIPCForm = nullptr;
     QTimer m_timerCheck;
