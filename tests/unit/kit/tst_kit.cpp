@@ -7,6 +7,7 @@
 #include "kit/mylineedit.h"
 #include "kit/mymsgbox.h"
 #include "kit/mypushbutton.h"
+#include "kit/shadoweffect.h"
 
 #include <QFrame>
 #include <QGraphicsDropShadowEffect>
@@ -56,6 +57,8 @@ private slots:
     void images();
     void shadowFrame();
     void shadowFrameTwiceGrowsTwice();
+    void shadowMatchesQtEffect_data();
+    void shadowMatchesQtEffect();
     void propertySwitchRepolishes();
     void pushButtonHoverSwap();
     void lineEditHoverSwap();
@@ -165,6 +168,82 @@ void tst_Kit::shadowFrameTwiceGrowsTwice()
     Global::CreateShadowFrame(&host, nullptr, 4, 8);
     Global::CreateShadowFrame(&host, nullptr, 4, 8);
     QCOMPARE(host.size(), QSize(132, 82));
+}
+
+void tst_Kit::shadowMatchesQtEffect_data()
+{
+    QTest::addColumn<QSize>("frameSize");
+    QTest::addColumn<qreal>("dpr");
+    // The windows' backing frames (loading, main folded and unfolded, message box), odd and
+    // even lengths, one too small to be stretched, and the scales Windows offers.
+    QTest::newRow("loading") << QSize(400, 119) << qreal(1);
+    QTest::newRow("main folded") << QSize(460, 329) << qreal(1);
+    QTest::newRow("main unfolded") << QSize(460, 409) << qreal(1);
+    QTest::newRow("message box") << QSize(400, 209) << qreal(1);
+    QTest::newRow("odd by odd") << QSize(131, 97) << qreal(1);
+    QTest::newRow("smaller than the tile") << QSize(90, 60) << qreal(1);
+    QTest::newRow("main at 200 %") << QSize(460, 329) << qreal(2);
+    QTest::newRow("main at 150 %") << QSize(460, 329) << qreal(1.5);
+    QTest::newRow("main at 125 %") << QSize(460, 329) << qreal(1.25);
+    QTest::newRow("odd at 175 %") << QSize(401, 211) << qreal(1.75);
+}
+
+void tst_Kit::shadowMatchesQtEffect()
+{
+    QFETCH(QSize, frameSize);
+    QFETCH(qreal, dpr);
+    const QString style("QFrame{background-color: #FFFFFF; border-radius:4px;}");
+
+    // The stretched shadow of a frame inside a window whose style sheet names other frames,
+    // against Qt's own effect on a frame of that size.
+    QWidget host;
+    host.setStyleSheet("QFrame#frame { background: #F0F0F0; } QLabel { color: red; }");
+    host.resize(frameSize + QSize(16, 16));
+    auto *frame = new QFrame(&host);
+    frame->setStyleSheet(style);
+    frame->setGeometry(QRect(QPoint(8, 8), frameSize));
+    auto *shadow = new ShadowEffect(style, &host);
+    shadow->setOffset(0, 0);
+    shadow->setColor(QColor(0, 0, 0, 42));
+    shadow->setBlurRadius(8);
+    frame->setGraphicsEffect(shadow);
+
+    // Twice, so the second paint comes from the kept tile.
+    for (int pass = 0; pass < 2; ++pass) {
+        QImage drawn(host.size() * dpr, QImage::Format_ARGB32_Premultiplied);
+        drawn.setDevicePixelRatio(dpr);
+        drawn.fill(Qt::transparent);
+        host.render(&drawn, QPoint(), QRegion(), QWidget::DrawChildren);
+
+        const QImage reference = shadow->renderReference(frameSize, dpr);
+        QCOMPARE(drawn.size(), reference.size());
+        int worst = 0;
+        QPoint at;
+        for (int y = 0; y < drawn.height(); ++y) {
+            const auto *a = reinterpret_cast<const QRgb *>(drawn.constScanLine(y));
+            const auto *b = reinterpret_cast<const QRgb *>(reference.constScanLine(y));
+            for (int x = 0; x < drawn.width(); ++x) {
+                const int d = std::max(
+                    {std::abs(qAlpha(a[x]) - qAlpha(b[x])), std::abs(qRed(a[x]) - qRed(b[x])),
+                     std::abs(qGreen(a[x]) - qGreen(b[x])), std::abs(qBlue(a[x]) - qBlue(b[x]))});
+                if (d > worst) {
+                    worst = d;
+                    at = QPoint(x, y);
+                }
+            }
+        }
+        // At other scales Qt's own result moves by one step when only the frame's far edge
+        // moves (it rescales the halved image by the whole image's rounded size).
+        const int tolerance = qFuzzyCompare(dpr, 1) ? 0 : 1;
+        QVERIFY2(worst <= tolerance, qPrintable(QString("pass %1: off by %2 at (%3, %4)")
+                                                    .arg(pass)
+                                                    .arg(worst)
+                                                    .arg(at.x())
+                                                    .arg(at.y())));
+        // Not a blank against a blank: the shadow is there, faint, just above the middle of the top
+        // edge.
+        QVERIFY(qAlpha(reference.pixel(reference.width() / 2, qRound(8 * dpr) - 2)) > 0);
+    }
 }
 
 void tst_Kit::propertySwitchRepolishes()
