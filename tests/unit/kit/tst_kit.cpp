@@ -412,6 +412,7 @@ void tst_Kit::msgBoxLook()
     QCOMPARE(box.findChild<QLabel *>("lblTitle")->text(), QString("提示"));
     QCOMPARE(box.findChild<QPushButton *>("btnClose")->accessibleName(), QString("关闭"));
     QCOMPARE(backingFrame(&box)->geometry(), QRect(8, 8, 400, 209));
+    QCOMPARE(box.windowIcon().availableSizes(), QList<QSize>{QSize(300, 300)}); // the logo
 
     box.setLines("确定退出安装吗？", QString());
     box.show();

@@ -246,6 +246,13 @@ void tst_MainForm::construction()
     QCOMPARE(child(&form, "btnMore1")->property("css").toString(), QString("down"));
     QCOMPARE(child(&form, "btnChkbox")->property("css").toString(), QString("unchecked"));
     QVERIFY(form.styleSheet().startsWith("QFrame#frame"));
+    // The icon is the logo at its full size.
+    const QPixmap logo = child<QLabel>(&form, "lblLogo")->pixmap(Qt::ReturnByValue);
+    QCOMPARE(form.windowIcon().availableSizes(), QList<QSize>{QSize(300, 300)});
+    const QImage icon = form.windowIcon().pixmap(QSize(300, 300)).toImage();
+    QImage expected = logo.toImage().convertToFormat(icon.format());
+    expected.setDevicePixelRatio(icon.devicePixelRatio());
+    QCOMPARE(icon, expected);
     form.show();
     QVERIFY(child(&form, "btnInstall")->isVisible());
     QVERIFY(!child(&form, "lblInstalling")->isVisible());
