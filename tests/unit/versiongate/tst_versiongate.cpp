@@ -10,6 +10,7 @@
 #include "mainform/mainform.h"
 #include "modalanswer.h"
 
+#include <QGraphicsEffect>
 #include <QLabel>
 #include <QPushButton>
 
@@ -199,7 +200,6 @@ void tst_VersionGate::firstLookAndAnimation()
     QCOMPARE(w.size(), QSize(400, 120));
 
     QStringList seen;
-    connect(&w, &QObject::destroyed, [] {});
     QTimer sampler;
     connect(&sampler, &QTimer::timeout, [&] {
         if (seen.isEmpty() || seen.last() != progress->text())
@@ -221,6 +221,9 @@ void tst_VersionGate::firstLookAndAnimation()
             backing = f;
     QVERIFY(backing);
     QCOMPARE(backing->geometry(), QRect(8, 8, 400, 119));
+    // Never shown again: no native window left behind, no shadow kept.
+    QVERIFY(!w.windowHandle());
+    QVERIFY(!backing->graphicsEffect()->isEnabled());
 }
 
 void tst_VersionGate::serviceAndWatchdog()
