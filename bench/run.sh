@@ -30,7 +30,7 @@ startup_front=$(printf '%s\n' "${front[@]}" | median)
 startup_minimal=$(printf '%s\n' "${minimal[@]}" | median)
 startup_ratio=$(printf '%s\n' "${ratios[@]}" | median)
 
-# Peak RSS: a whole self-test installation driven by clicks, against the minimal program.
+# Peak RSS: whole self-test installations driven by clicks, against the minimal program.
 peak() { # pid: VmHWM in kB, polled until the process ends
     local pid=$1 hwm=0 v
     while kill -0 "$pid" 2>/dev/null; do
@@ -51,29 +51,42 @@ find_window() { # size -> "id x y"
 }
 click() { xdotool mousemove $(($1 + $3)) $(($2 + $4)); sleep 0.1; xdotool click 1; }
 
-$bin/CorvalenSetup 2>/dev/null &
-fe=$!
-peak "$fe" >/tmp/corvalen-bench-peak &
-watcher=$!
-for _ in $(seq 1 200); do pos=$(find_window 476x346) && break; sleep 0.05; done
-read -r x y <<<"$pos"
-click "$x" "$y" $((8 + 112 - 8)) $((8 + 251 - 8))
-click "$x" "$y" $((8 + 230)) $((8 + 207))
-sleep 7 # 50 steps of 100 ms, then the completion page a second later
-click "$x" "$y" $((8 + 230)) $((8 + 261))
-wait "$fe" || true
-wait "$watcher"
-rss_front=$(cat /tmp/corvalen-bench-peak)
-
-$bin/corvalen-bench-minimal &
-mp=$!
-peak "$mp" >/tmp/corvalen-bench-peak &
-watcher=$!
-sleep 3
-kill "$mp"
-wait "$mp" 2>/dev/null || true
-wait "$watcher"
-rss_minimal=$(cat /tmp/corvalen-bench-peak)
+install_peak() { # one whole self-test installation driven by clicks: peak RSS in kB
+    local fe watcher pos x y
+    $bin/CorvalenSetup >/dev/null 2>&1 &
+    fe=$!
+    peak "$fe" >/tmp/corvalen-bench-peak &
+    watcher=$!
+    for _ in $(seq 1 200); do pos=$(find_window 476x346) && break; sleep 0.05; done
+    read -r x y <<<"$pos"
+    click "$x" "$y" $((8 + 112 - 8)) $((8 + 251 - 8))
+    click "$x" "$y" $((8 + 230)) $((8 + 207))
+    sleep 7 # 50 steps of 100 ms, then the completion page a second later
+    click "$x" "$y" $((8 + 230)) $((8 + 261))
+    wait "$fe" || true
+    wait "$watcher"
+    cat /tmp/corvalen-bench-peak
+}
+minimal_peak() {
+    local mp watcher
+    $bin/corvalen-bench-minimal >/dev/null 2>&1 &
+    mp=$!
+    peak "$mp" >/tmp/corvalen-bench-peak &
+    watcher=$!
+    sleep 3
+    kill "$mp"
+    wait "$mp" 2>/dev/null || true
+    wait "$watcher"
+    cat /tmp/corvalen-bench-peak
+}
+# Median of three alternating runs each: a single run moves by a few hundred kB.
+front_peaks=() minimal_peaks=()
+for _ in 1 2 3; do
+    front_peaks+=("$(install_peak)")
+    minimal_peaks+=("$(minimal_peak)")
+done
+rss_front=$(printf '%s\n' "${front_peaks[@]}" | median)
+rss_minimal=$(printf '%s\n' "${minimal_peaks[@]}" | median)
 rm -f /tmp/corvalen-bench-peak
 
 # Latency, idle CPU and the flood.
