@@ -54,16 +54,14 @@ Cuts cutsFor(int tileLength, int targetLength, int middle, int step)
 
 } // namespace
 
-bool ShadowEffect::TileKey::operator==(const TileKey &other) const
-{
-    return frameSize == other.frameSize && qFuzzyCompare(dpr, other.dpr) &&
-           qFuzzyCompare(blurRadius + 1, other.blurRadius + 1) && offset == other.offset &&
-           color == other.color;
-}
-
 ShadowEffect::ShadowEffect(const QString &frameStyle, QObject *parent)
     : QGraphicsDropShadowEffect(parent), m_frameStyle(frameStyle)
-{}
+{
+    const auto forgetTile = [this] { m_tile = QImage(); };
+    connect(this, &QGraphicsDropShadowEffect::offsetChanged, this, forgetTile);
+    connect(this, &QGraphicsDropShadowEffect::blurRadiusChanged, this, forgetTile);
+    connect(this, &QGraphicsDropShadowEffect::colorChanged, this, forgetTile);
+}
 
 QImage ShadowEffect::renderReference(const QSize &frameSize, qreal dpr) const
 {
@@ -99,10 +97,10 @@ void ShadowEffect::draw(QPainter *painter)
         return;
     }
 
-    const TileKey key{tileFrame, dpr, blurRadius(), offset(), color()};
-    if (!(key == m_tileKey)) {
+    if (m_tile.isNull() || m_tileFrame != tileFrame || !qFuzzyCompare(m_tileDpr, dpr)) {
         m_tile = renderReference(tileFrame, dpr);
-        m_tileKey = key;
+        m_tileFrame = tileFrame;
+        m_tileDpr = dpr;
     }
 
     // Every cut lies on a whole device-independent pixel that is also a whole device pixel,

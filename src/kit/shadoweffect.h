@@ -3,10 +3,8 @@
 // progress step); this one blurs a small frame of the same look once and stretches it.
 #pragma once
 
-#include <QColor>
 #include <QGraphicsDropShadowEffect>
 #include <QImage>
-#include <QPointF>
 #include <QSize>
 #include <QString>
 
@@ -28,18 +26,8 @@ protected:
     void draw(QPainter *painter) override;
 
 private:
-    struct TileKey
-    {
-        QSize frameSize; // the small frame's size in device-independent pixels
-        qreal dpr = 0;
-        qreal blurRadius = 0;
-        QPointF offset;
-        QColor color;
-
-        bool operator==(const TileKey &other) const;
-    };
-
     QString m_frameStyle;
-    TileKey m_tileKey;
-    QImage m_tile;
+    QImage m_tile;     // null until drawn and after any change of the shadow's properties
+    QSize m_tileFrame; // the small frame's size in device-independent pixels
+    qreal m_tileDpr = 0;
 };
