@@ -10,13 +10,17 @@ int main(int argc, char *argv[])
     qputenv("QT_SCREEN_SCALE_FACTORS", "1;1");
     qputenv("QT_QPA_PLATFORM_PLUGIN_PATH", "");
     qputenv("QT_PLUGIN_PATH", "");
+#ifndef Q_OS_WIN
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "xcb");
     if (qEnvironmentVariableIsEmpty("QT_XCB_GL_INTEGRATION"))
         qputenv("QT_XCB_GL_INTEGRATION", "none");
+#endif
     QCoreApplication::setAttribute(Qt::AA_UseHighDpiPixmaps, true);
     QApplication app(argc, argv);
+#ifndef Q_OS_WIN
     QFont::insertSubstitution("Microsoft YaHei", "WenQuanYi Micro Hei");
+#endif
     QWidget window(nullptr, Qt::FramelessWindowHint);
     window.setAttribute(Qt::WA_TranslucentBackground);
     window.resize(400, 120);

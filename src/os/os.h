@@ -112,6 +112,10 @@ void setPlatform(Platform *replacement);
 // The real platform of this build.
 Platform &realPlatform();
 
+// Whether a process with this id runs now. Not behind Platform: only the helper service's
+// stand-in asks it, and nothing the front end decides depends on it.
+bool isProcessAlive(ProcessId id);
+
 // Number of readable bytes behind the record Qt's native-event hook hands over: an
 // xcb_generic_event_t (32) on X11, a MSG on Windows.
 extern const std::size_t kNativeMessageRecordSize;

@@ -460,6 +460,12 @@ std::optional<NativeMessage> decodeClientMessage(const void *record, std::size_t
     return message;
 }
 
+bool isProcessAlive(ProcessId id)
+{
+    const auto pid = static_cast<pid_t>(id);
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
 Platform &realPlatform()
 {
     static LinuxPlatform platform;

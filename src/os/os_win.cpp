@@ -210,6 +210,16 @@ public:
 
 } // namespace
 
+bool isProcessAlive(ProcessId id)
+{
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, id);
+    if (!process)
+        return GetLastError() == ERROR_ACCESS_DENIED; // there, but not ours to wait on
+    const bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+    CloseHandle(process);
+    return running;
+}
+
 Platform &realPlatform()
 {
     static WinPlatform platform;

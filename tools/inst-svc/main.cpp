@@ -1,40 +1,35 @@
-// Linux stand-in for the helper service: started with the front end's and the installer
-// engine's process ids, it stays alive while both live.
-#include <cerrno>
+// Stand-in for the helper service: started with the front end's and the installer engine's
+// process ids, it stays alive while both live.
+#include "os/os.h"
+
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <signal.h>
-#include <unistd.h>
+#include <thread>
 
 namespace {
 
-bool parsePid(const char *text, pid_t &pid)
+bool parsePid(const char *text, os::ProcessId &pid)
 {
     char *end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || value <= 0 || value > 0x7fffffffL)
+    const unsigned long long value = std::strtoull(text, &end, 10);
+    if (end == text || *end != '\0' || text[0] == '-' || value == 0 || value > 0x7fffffffULL)
         return false;
-    pid = static_cast<pid_t>(value);
+    pid = static_cast<os::ProcessId>(value);
     return true;
-}
-
-bool alive(pid_t pid)
-{
-    return kill(pid, 0) == 0 || errno == EPERM;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    pid_t frontEnd = 0;
-    pid_t installer = 0;
+    os::ProcessId frontEnd = 0;
+    os::ProcessId installer = 0;
     if (argc != 3 || !parsePid(argv[1], frontEnd) || !parsePid(argv[2], installer)) {
         std::fprintf(stderr, "usage: TandemoInstSvc.exe <front end pid> <installer pid>\n");
         return 2;
     }
-    while (alive(frontEnd) && alive(installer))
-        usleep(200 * 1000);
+    while (os::isProcessAlive(frontEnd) && os::isProcessAlive(installer))
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
     return 0;
 }

@@ -1,5 +1,5 @@
 // corvalen-engine: the installer engine's side of the conversation with the front end, on
-// Linux/X11. Read it to learn what an engine must do to drive CorvalenSetup:
+// Linux/X11 and on Windows. Read it to learn what an engine must do to drive CorvalenSetup:
 //
 //  1. Own a window (hidden; the front end keeps it hidden anyway) and pass its id in decimal
 //     as the first argument, with the engine's own process id as the sixth.
@@ -17,9 +17,9 @@
 //     WM_CANCEL_INSTALL (1127): the user gave up. Either way the front end ends a second later.
 //     The engine may end the front end at once by posting WM_COMPLETE_INSTALL itself.
 //
-// Paths: the front end speaks Windows paths. This engine proposes POSIX paths written with
-// backslashes ("/tmp/x" becomes "\tmp\x") and maps every path it reads back the same way; a
-// drive letter ("C:\Tandemo") maps to <drive root>/C/Tandemo (--drive-root).
+// Paths: the front end speaks Windows paths. Off Windows this engine proposes POSIX paths
+// written with backslashes ("/tmp/x" becomes "\tmp\x") and maps every path it reads back the
+// same way; a drive letter ("C:\Tandemo") maps to <drive root>/C/Tandemo (--drive-root).
 #include "ipc/ipcmessages.h"
 #include "os/os.h"
 
@@ -35,12 +35,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QStorageInfo>
 #include <QTemporaryDir>
 #include <QTimer>
 #include <QWidget>
-
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
@@ -48,6 +46,11 @@
 namespace {
 
 constexpr qint64 kMiB = qint64(1024) * 1024;
+#ifdef Q_OS_WIN
+constexpr char kExeSuffix[] = ".exe";
+#else
+constexpr char kExeSuffix[] = "";
+#endif
 
 struct Options
 {
@@ -88,41 +91,46 @@ const char *messageName(std::uint32_t msg)
     }
 }
 
-// "C:\x" -> <driveRoot>/C/x; "\tmp\x" -> /tmp/x.
-QString toPosixPath(const QString &windowsPath, const QString &driveRoot)
+// "C:\x" -> <driveRoot>/C/x; "\tmp\x" -> /tmp/x. On Windows only the separators change.
+QString toEnginePath(const QString &windowsPath, const QString &driveRoot)
 {
     QString path = windowsPath;
+#ifndef Q_OS_WIN
     if (path.size() >= 2 && path[1] == ':' && path[0].isLetter())
         path = driveRoot + "/" + path[0].toUpper() + "/" + path.mid(2);
+#else
+    Q_UNUSED(driveRoot)
+#endif
     path.replace('\\', '/');
     return QDir::cleanPath(path);
 }
 
-QString toWindowsPath(const QString &posixPath)
+QString toWindowsPath(const QString &enginePath)
 {
-    return QDir::cleanPath(posixPath).replace('/', '\\');
+    return QDir::cleanPath(enginePath).replace('/', '\\');
 }
 
 QString nearestExistingAncestor(const QString &path)
 {
-    QFileInfo info(path);
-    QString current = info.absoluteFilePath();
-    while (!QFileInfo::exists(current) && current != "/")
-        current = QFileInfo(current).absolutePath();
+    QString current = QFileInfo(path).absoluteFilePath();
+    while (!QFileInfo::exists(current)) {
+        const QString parent = QFileInfo(current).absolutePath();
+        if (parent == current)
+            break;
+        current = parent;
+    }
     return current;
 }
 
 qint64 freeMB(const QString &path)
 {
-    struct statvfs st;
-    if (statvfs(QFile::encodeName(nearestExistingAncestor(path)).constData(), &st) != 0)
-        return 0;
-    return static_cast<qint64>(st.f_bavail) * static_cast<qint64>(st.f_frsize) / kMiB;
+    const QStorageInfo storage(nearestExistingAncestor(path));
+    return storage.isValid() ? storage.bytesAvailable() / kMiB : 0;
 }
 
 bool writable(const QString &path)
 {
-    return access(QFile::encodeName(nearestExistingAncestor(path)).constData(), W_OK) == 0;
+    return QFileInfo(nearestExistingAncestor(path)).isWritable();
 }
 
 // A small payload standing in for the application's files.
@@ -220,7 +228,8 @@ protected:
     {
         const auto decoded =
             os::platform().decodeNativeMessage(message, os::kNativeMessageRecordSize);
-        if (!decoded)
+        // On Windows every message of the window comes through here; the rest are Qt's.
+        if (!decoded || !*messageName(decoded->message))
             return false;
         logMessage("in", *decoded, true);
         switch (decoded->message) {
@@ -230,9 +239,9 @@ protected:
             break;
         case WM_INSTALL_PATH:
             if (decoded->wParam == 0)
-                reportFolder(toPosixPath(frontEndTitle(), m_options.driveRoot), 0);
+                reportFolder(toEnginePath(frontEndTitle(), m_options.driveRoot), 0);
             else
-                startCopy(toPosixPath(frontEndTitle(), m_options.driveRoot));
+                startCopy(toEnginePath(frontEndTitle(), m_options.driveRoot));
             break;
         case WM_COMPLETE_INSTALL:
             m_startRequested = true;
@@ -434,10 +443,12 @@ private:
 
 int main(int argc, char *argv[])
 {
+#ifndef Q_OS_WIN
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "xcb"); // messages travel through X
     if (qEnvironmentVariableIsEmpty("QT_XCB_GL_INTEGRATION"))
         qputenv("QT_XCB_GL_INTEGRATION", "none");
+#endif
     QApplication app(argc, argv);
 
     QCommandLineParser parser;
@@ -465,9 +476,9 @@ int main(int argc, char *argv[])
     parser.process(app);
 
     Options options;
-    options.frontEnd = parser.isSet("frontend")
-                           ? parser.value("frontend")
-                           : QCoreApplication::applicationDirPath() + "/CorvalenSetup";
+    options.frontEnd = parser.isSet("frontend") ? parser.value("frontend")
+                                                : QCoreApplication::applicationDirPath() +
+                                                      "/CorvalenSetup" + QString(kExeSuffix);
     if (parser.isSet("new-version"))
         options.versionNew = parser.value("new-version");
     if (parser.isSet("old-version"))
