@@ -2,9 +2,12 @@
 # Builds the front end and the reference engine and runs a whole installation.
 # With a display: interactive, the engine waits for you. Without one: unattended under a
 # private Xvfb, clicking through the pages and saving a PNG of each to demo-out/.
+#   scripts/demo.sh [--windows]   --windows: the .exe files under Wine, pages to demo-out/windows/
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
+windows=0
+[ "${1:-}" = --windows ] && windows=1
 
 scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -12,12 +15,25 @@ cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-
     corvalen-screenshot
 
 out="$root/demo-out"
+engine=(build/bin/corvalen-engine)
+path_arg() { echo "$1"; }
+if [ "$windows" = 1 ]; then
+    scripts/build-windows.sh
+    # shellcheck source=lib/wine.sh
+    source scripts/lib/wine.sh
+    wine_prefix "$root/build-windows/wineprefix-e2e" x11 96
+    out="$root/demo-out/windows"
+    engine=("$WINE" "$(winepath_of build-windows/bin/corvalen-engine.exe)")
+    path_arg() { winepath_of "$1"; }
+    export QT_FORCE_STDERR_LOGGING=1 # the Windows front end logs to the debugger otherwise
+fi
 rm -rf "$out"
 mkdir -p "$out/install"
 
 if [ -n "${DISPLAY:-}" ]; then
     echo "demo.sh: installing into $out/install/Tandemo; the engine's log is $out/engine.jsonl"
-    exec build/bin/corvalen-engine --target "$out/install/Tandemo" --log "$out/engine.jsonl"
+    exec "${engine[@]}" --target "$(path_arg "$out/install/Tandemo")" \
+        --log "$(path_arg "$out/engine.jsonl")"
 fi
 
 # shellcheck source=lib/xvfb.sh
@@ -26,9 +42,11 @@ start_private_xvfb
 engine_pid=
 cleanup() {
     [ -n "$engine_pid" ] && kill "$engine_pid" 2>/dev/null || true
+    [ "$windows" = 1 ] && wine_stop
     stop_private_xvfb
 }
 trap cleanup EXIT
+[ "$windows" = 1 ] && wine_start
 echo "demo.sh: no display; running unattended under Xvfb on $DISPLAY"
 
 # The visible window titled "Corvalen" of the given size: "id x y", or nothing.
@@ -65,11 +83,11 @@ click() { # window-x window-y x y
     xdotool click 1
 }
 
-build/bin/corvalen-engine --target "$out/install/Tandemo" --log "$out/engine.jsonl" \
-    --chunk-kb 8 --unattended 2>"$out/frontend.log" &
+"${engine[@]}" --target "$(path_arg "$out/install/Tandemo")" --log "$(path_arg "$out/engine.jsonl")" \
+    --chunk-kb 8 --unattended >"$out/frontend.log" 2>&1 &
 engine_pid=$!
 
-read -r _ x y < <(wait_window 416x136 || wait_window 400x120)
+read -r _ x y < <(wait_window 416x136 1500 || wait_window 400x120)
 shoot 1-loading "$x" "$y" 416 136
 
 read -r _ x y < <(wait_window 476x346)
@@ -91,7 +109,7 @@ done
 read -r _ x y < <(wait_window 476x346)
 shoot 4-installing "$x" "$y" 476 346
 
-for _ in $(seq 1 1000); do
+for _ in $(seq 1 2000); do
     grep -q '"event":"copied"' "$out/engine.jsonl" 2>/dev/null && break
     sleep 0.02
 done

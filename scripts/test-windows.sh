@@ -1,50 +1,37 @@
 #!/usr/bin/env bash
-# The Windows tier: cross-builds src/os and tests/os with mingw-w64 and runs them under Wine,
-# in a throwaway prefix inside the build tree. Needs no display.
+# The Windows tier: builds the Windows programs (scripts/build-windows.sh, Qt for Windows from
+# its cache), then runs under wine64, each in a throwaway prefix inside build-windows/:
+#  - the os tests, with Wine's null driver at 144 DPI (no display needed);
+#  - the end-to-end tier (tests/e2e/wine, a native test driving the .exe files), with Wine's
+#    X11 driver on a private Xvfb. Its page pictures land in build-windows/pages/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-build="$root/build-win"
 
-wine=/usr/lib/wine/wine64
-wineserver=/usr/lib/wine/wineserver
-if [ ! -x "$wine" ] || ! command -v x86_64-w64-mingw32-g++-posix >/dev/null; then
-    scripts/install-deps.sh
-fi
+scripts/build-windows.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$(nproc)" --target tst_e2e_wine CorvalenSetup corvalen-engine TandemoInstSvc
 
-cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64-x86_64.cmake" \
-    -DCORVALEN_OS_ONLY=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$build" -j"$(nproc)"
-
-export WINEPREFIX="$build/wineprefix"
-export WINEARCH=win64
-export WINEDEBUG=-all
-# No crash dialog that would hang the run, no add-on installers.
-export WINEDLLOVERRIDES="winedbg.exe=d;mscoree,mshtml="
-export DISPLAY= # the null driver needs none; never talk to a developer's desktop
+# shellcheck source=lib/wine.sh
+source scripts/lib/wine.sh
+# shellcheck source=lib/xvfb.sh
+source scripts/lib/xvfb.sh
 unset WAYLAND_DISPLAY
+status=0
 
-stop_server() { "$wineserver" -k 2>/dev/null || true; }
-trap stop_server EXIT
+wine_prefix "$root/build-windows/wineprefix-os" null 144
+export DISPLAY= # the null driver needs none; never talk to a developer's desktop
+trap wine_stop EXIT
+wine_start
+(cd build-windows && CORVALEN_EXPECT_DPI=144 ctest --output-on-failure --timeout 240 -L windows) ||
+    status=1
+wine_stop
 
-if [ ! -f "$WINEPREFIX/.corvalen-ready" ]; then
-    rm -rf "$WINEPREFIX"
-    "$wine" wineboot --init >/dev/null 2>&1 || true
-    "$wineserver" -w
-    "$wine" reg add 'HKCU\Software\Wine\Drivers' /v Graphics /d null /f >/dev/null 2>&1
-    "$wine" reg add 'HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug' /v Debugger /d '' /f \
-        >/dev/null 2>&1
-    "$wine" reg add 'HKCU\Control Panel\Desktop' /v LogPixels /t REG_DWORD /d 144 /f >/dev/null 2>&1
-    "$wineserver" -k || true
-    "$wineserver" -w
-    touch "$WINEPREFIX/.corvalen-ready"
-fi
-# One persistent server for the whole run, and Wine's own services started now with their
-# output going nowhere: started by the first test they would inherit ctest's pipe and keep
-# it open after the test has ended.
-"$wineserver" -p || true
-"$wine" wineboot >/dev/null 2>&1 </dev/null || true
-
-export CORVALEN_EXPECT_DPI=144
-cd "$build"
-ctest --output-on-failure --timeout 240 -L windows
+wine_prefix "$root/build-windows/wineprefix-e2e" x11 96
+start_private_xvfb
+trap 'wine_stop; stop_private_xvfb' EXIT
+wine_start
+rm -rf "$root/build-windows/pages"
+(cd build && CORVALEN_WINDOWS_BIN="$root/build-windows/bin" \
+    CORVALEN_PAGES_OUT="$root/build-windows/pages" ctest --output-on-failure -L wine) || status=1
+exit "$status"

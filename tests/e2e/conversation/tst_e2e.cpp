@@ -1,100 +1,15 @@
 // The real CorvalenSetup driven by the reference engine (or alone, in self-test mode), with
 // clicks on the real windows through xdotool.
-#include <QtTest>
-
-#include <QGuiApplication>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QScreen>
+#include "../common/e2e.h"
 
 #include <csignal>
 #include <sys/types.h>
 
+using namespace e2e;
+
 namespace {
 
 const QString kBin = CORVALEN_BIN_DIR;
-
-QString xdotool(const QStringList &args)
-{
-    QProcess p;
-    p.start("xdotool", args);
-    p.waitForFinished(10000);
-    return QString::fromUtf8(p.readAllStandardOutput()).trimmed();
-}
-
-// The one visible top-level window titled exactly "Corvalen" of the given size, or 0.
-QString visibleWindow(const QSize &size)
-{
-    const QStringList ids = xdotool({"search", "--onlyvisible", "--name", "^Corvalen$"})
-                                .split('\n', Qt::SkipEmptyParts);
-    for (const QString &id : ids) {
-        const QString geometry = xdotool({"getwindowgeometry", id});
-        if (geometry.contains(QString("Geometry: %1x%2").arg(size.width()).arg(size.height())))
-            return id;
-    }
-    return QString();
-}
-
-QPoint windowOrigin(const QString &id)
-{
-    const QString geometry = xdotool({"getwindowgeometry", id});
-    const QRegularExpression re("Position: (-?\\d+),(-?\\d+)");
-    const auto m = re.match(geometry);
-    return m.hasMatch() ? QPoint(m.captured(1).toInt(), m.captured(2).toInt()) : QPoint();
-}
-
-void clickAt(const QString &window, QPoint p)
-{
-    const QPoint origin = windowOrigin(window);
-    xdotool(
-        {"mousemove", QString::number(origin.x() + p.x()), QString::number(origin.y() + p.y())});
-    QTest::qWait(60); // let the hover reach the widget first, as a person's pointer would
-    xdotool({"click", "1"});
-}
-
-const QSize kMainFolded(476, 346);
-const QSize kMsgBox(416, 226);
-// Positions inside the windows, shadow margin included.
-const QPoint kCheckBox(8 + 96 + 8, 8 + 238 + 13);
-const QPoint kInstall(8 + 230, 8 + 207);
-const QPoint kStartup(8 + 230, 8 + 261);
-const QPoint kMsgOK(8 + 285, 8 + 177);
-const QPoint kMsgCancel(8 + 135, 8 + 177);
-
-QList<QJsonObject> readLog(const QString &path)
-{
-    QList<QJsonObject> out;
-    QFile f(path);
-    if (!f.open(QFile::ReadOnly))
-        return out;
-    for (const QByteArray &line : f.readAll().split('\n'))
-        if (!line.isEmpty())
-            out << QJsonDocument::fromJson(line).object();
-    return out;
-}
-
-QStringList messages(const QList<QJsonObject> &log, const QString &dir)
-{
-    QStringList out;
-    for (const QJsonObject &o : log)
-        if (o["event"] == "message" && o["dir"] == dir)
-            out << QString("%1/%2").arg(o["msg"].toInt()).arg(o["wp"].toString());
-    return out;
-}
-
-bool sameTree(const QString &a, const QString &b)
-{
-    QDirIterator it(a, QDir::Files, QDirIterator::Subdirectories);
-    int n = 0;
-    while (it.hasNext()) {
-        const QString path = it.next();
-        QFile x(path), y(b + "/" + QDir(a).relativeFilePath(path));
-        if (!x.open(QFile::ReadOnly) || !y.open(QFile::ReadOnly) || x.readAll() != y.readAll())
-            return false;
-        ++n;
-    }
-    return n > 0;
-}
 
 bool processGone(qint64 pid)
 {
@@ -134,13 +49,7 @@ private:
     int waitEngine(int ms = 30000);
     QList<QJsonObject> log() const { return readLog(m_dir.path() + "/engine.jsonl"); }
     QString frontEndLog() const { return QString::fromUtf8(m_engineOutput); }
-    qint64 frontEndPid() const
-    {
-        for (const QJsonObject &o : log())
-            if (o["event"] == "started")
-                return o["frontEndPid"].toVariant().toLongLong();
-        return 0;
-    }
+    qint64 frontEndPid() const { return loggedNumber(log(), "started", "frontEndPid"); }
 
     QTemporaryDir m_dir;
     QProcess *m_engine = nullptr;
@@ -237,14 +146,7 @@ void tst_E2E::installByClicks()
     QVERIFY(in.contains("1125/1"));
     QCOMPARE(in.last(), QString("1126/0"));
     QCOMPARE(in.count("1224/" + in.first().section('/', 1)), 1);
-    // Progress only rises and ends with exactly 100.
-    int last = -1;
-    for (const QString &m : messages(log(), "out"))
-        if (m.startsWith("1124/")) {
-            QVERIFY(m.section('/', 1).toInt() > last);
-            last = m.section('/', 1).toInt();
-        }
-    QCOMPARE(last, 100);
+    QVERIFY(progressRisesTo100(log()));
 }
 
 void tst_E2E::withoutAgreementUnattended()
@@ -270,9 +172,9 @@ void tst_E2E::browseAnswersAndMissingFolder()
     startEngine({"--target", proposed});
     QString main;
     QTRY_VERIFY_WITH_TIMEOUT(!(main = visibleWindow(kMainFolded)).isEmpty(), 15000);
-    clickAt(main, QPoint(8 + 221, 8 + 300)); // "更多选项"
-    QTRY_VERIFY(!visibleWindow(QSize(476, 426)).isEmpty());
-    clickAt(main, QPoint(8 + 400, 8 + 347)); // "浏览"
+    clickAt(main, kMoreOptions);
+    QTRY_VERIFY(!visibleWindow(kMainUnfolded).isEmpty());
+    clickAt(main, kBrowse);
     QString dialog;
     QTRY_VERIFY_WITH_TIMEOUT(
         !(dialog = xdotool({"search", "--onlyvisible", "--name", "Open Directory"})).isEmpty(),
@@ -290,7 +192,7 @@ void tst_E2E::browseAnswersAndMissingFolder()
     QCOMPARE(out.mid(2, 2), QStringList({"1129/0", "1128/" + out[1].section('/', 1)}));
 
     // On to the end: the whole conversation in one log, in its order.
-    main = visibleWindow(QSize(476, 426));
+    main = visibleWindow(kMainUnfolded);
     clickAt(main, kCheckBox);
     clickAt(main, kInstall);
     QTRY_VERIFY_WITH_TIMEOUT(messages(log(), "out").contains("1124/100"), 20000);
@@ -355,7 +257,7 @@ void tst_E2E::higherVersionRefused()
     startEngine({"--new-version", "3.0.0.5", "--old-version", "3.1.0.0"});
     QString box;
     QTRY_VERIFY_WITH_TIMEOUT(!(box = visibleWindow(kMsgBox)).isEmpty(), 15000);
-    clickAt(box, QPoint(8 + 200, 8 + 177)); // the one centred button
+    clickAt(box, kMsgSingle);
     QCOMPARE(waitEngine(10000), 1);
     QCOMPARE(messages(log(), "in"), QStringList("1127/0"));
 }
@@ -398,7 +300,7 @@ void tst_E2E::selfTestByClicks()
     QTRY_VERIFY_WITH_TIMEOUT((output += fe.readAll()).contains("wp=100"), 15000);
     QTest::qWait(1800);
     const QImage shot = QGuiApplication::primaryScreen()->grabWindow(0).toImage();
-    const QPoint origin = windowOrigin(main);
+    const QPoint origin = windowRect(main).topLeft();
     // The start button is up: blue where "安装" was.
     QCOMPARE(QColor(shot.pixel(origin + kStartup + QPoint(-40, -10))).name(), QString("#5998ff"));
     clickAt(main, kStartup);
@@ -410,11 +312,8 @@ void tst_E2E::engineWindowKeptHidden()
 {
     startEngine({"--target", m_dir.path() + "/hidden/Tandemo"});
     QTRY_VERIFY_WITH_TIMEOUT(!visibleWindow(kMainFolded).isEmpty(), 15000);
-    QString engineWindow;
-    for (const QJsonObject &o : log())
-        if (o["event"] == "started")
-            engineWindow = QString::number(o["window"].toVariant().toLongLong());
-    QVERIFY(!engineWindow.isEmpty());
+    const QString engineWindow = QString::number(loggedNumber(log(), "started", "window"));
+    QVERIFY(engineWindow != "0");
     auto engineVisible = [&] {
         return xdotool({"search", "--onlyvisible", "--name", "^corvalen-engine$"})
             .contains(engineWindow);

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Builds Qt 5.15 (qtbase and qtsvg) for 64-bit Windows, static and release, with the mingw-w64
+# posix toolchain, from Debian's own source packages, into a cache outside the tree. Does
+# nothing when the cache holds a finished build of the same options. Prints the prefix last.
+#
+#   CORVALEN_QT_WINDOWS=/path scripts/build-qt-windows.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+prefix=${CORVALEN_QT_WINDOWS:-${XDG_CACHE_HOME:-$HOME/.cache}/corvalen/qt5-win64-static}
+jobs=$(nproc)
+
+# What the front end uses: Core, Gui, Widgets, Concurrent, Svg and the windows platform
+# plugin with its vista style. Everything else is left out to shorten the build.
+options=(
+    -xplatform win32-g++ -device-option CROSS_COMPILE=x86_64-w64-mingw32-
+    -static -release -optimize-size -opensource -confirm-license
+    -nomake examples -nomake tests -no-pch
+    -no-opengl -no-direct2d -no-dbus -no-icu -no-fontconfig
+    -qt-zlib -qt-libpng -qt-pcre -qt-freetype -qt-harfbuzz
+    -no-gif -no-ico -no-libjpeg
+    -no-feature-sql -no-feature-network -no-openssl -no-feature-xml -no-feature-vulkan
+    # Debian's repacked source leaves out the tablet header.
+    -no-feature-tabletevent
+)
+stamp="$prefix/.corvalen-complete"
+want="${options[*]}"
+if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want" ]; then
+    echo "$prefix"
+    exit 0
+fi
+
+SUDO=
+[ "$(id -u)" -eq 0 ] || SUDO=sudo
+export DEBIAN_FRONTEND=noninteractive
+need=()
+for p in g++-mingw-w64-x86-64-posix dpkg-dev g++ make perl python3 xz-utils; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
+done
+if [ ${#need[@]} -gt 0 ]; then
+    $SUDO apt-get update -qq
+    $SUDO apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
+fi
+
+# A source entry mirroring the machine's own Debian entry, so that apt-get source finds the
+# exact version the machine ships natively.
+src_list=/etc/apt/sources.list.d/corvalen-deb-src.sources
+if ! grep -rqs '^Types:.*deb-src' /etc/apt/sources.list.d/ && ! grep -qs '^deb-src' /etc/apt/sources.list; then
+    if [ -f /etc/apt/sources.list.d/debian.sources ]; then
+        sed 's/^Types: *deb$/Types: deb-src/' /etc/apt/sources.list.d/debian.sources | $SUDO tee "$src_list" >/dev/null
+    else
+        sed -n 's/^deb \(.*\)/deb-src \1/p' /etc/apt/sources.list | $SUDO tee "$src_list" >/dev/null
+    fi
+    $SUDO apt-get update -qq
+fi
+
+work="$prefix.work"
+rm -rf "$work" "$prefix"
+mkdir -p "$work"
+cd "$work"
+start=$(date +%s)
+echo "build-qt-windows: fetching the sources" >&2
+apt-get source -qq qtbase-opensource-src qtsvg-opensource-src >/dev/null 2>&1
+qtbase_src=$(find . -maxdepth 1 -type d -name 'qtbase-opensource-src-*' | head -1)
+qtsvg_src=$(find . -maxdepth 1 -type d -name 'qtsvg-opensource-src-*' | head -1)
+[ -n "$qtbase_src" ] && [ -n "$qtsvg_src" ] || { echo "build-qt-windows: apt-get source failed" >&2; exit 1; }
+
+echo "build-qt-windows: configuring qtbase into $prefix" >&2
+mkdir qtbase-build
+(cd qtbase-build && "../$qtbase_src/configure" -prefix "$prefix" "${options[@]}" >configure.log 2>&1) ||
+    { tail -40 qtbase-build/configure.log >&2; exit 1; }
+echo "build-qt-windows: building qtbase (about half an hour on 2 cores)" >&2
+(cd qtbase-build && make -j"$jobs" >make.log 2>&1) || { tail -40 qtbase-build/make.log >&2; exit 1; }
+(cd qtbase-build && make -j"$jobs" install >install.log 2>&1) || { tail -40 qtbase-build/install.log >&2; exit 1; }
+
+echo "build-qt-windows: building qtsvg" >&2
+mkdir qtsvg-build
+(cd qtsvg-build && "$prefix/bin/qmake" "../$qtsvg_src" >qmake.log 2>&1 && make -j"$jobs" >make.log 2>&1 &&
+    make -j"$jobs" install >install.log 2>&1) || { tail -40 qtsvg-build/*.log >&2; exit 1; }
+
+cd /
+rm -rf "$work"
+echo "$want" >"$stamp"
+echo "build-qt-windows: done in $(($(date +%s) - start)) s" >&2
+echo "$prefix"

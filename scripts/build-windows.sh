@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds the Windows programs into build-windows/bin/ with the mingw-w64 toolchain and the
+# static Qt for Windows from the cache (built there the first time, which takes a while).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+scripts/install-deps.sh
+qt=$(scripts/build-qt-windows.sh)
+cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" \
+    -DCORVALEN_QT_WINDOWS="$qt" -DCMAKE_BUILD_TYPE=MinSizeRel >/dev/null
+cmake --build build-windows -j"$(nproc)"

@@ -1,0 +1,62 @@
+# Sourced: the Wine environment of the Windows tiers, the demo and the benchmark.
+#   wine_prefix DIR DRIVER DPI   makes (once) and selects a throwaway 64-bit prefix in DIR,
+#                                with Wine's "x11" or "null" graphics driver and that DPI
+#   wine_start                   starts one server for the prefix and Wine's own services
+#   wine_stop                    ends the server and every process of the prefix
+WINE=/usr/lib/wine/wine64
+WINESERVER=/usr/lib/wine/wineserver
+
+wine_prefix() {
+    export WINEPREFIX="$1" WINEARCH=win64 WINEDEBUG=-all
+    # No crash dialog that would hang a run, no add-on installers, no menu entries in $HOME.
+    export WINEDLLOVERRIDES="winedbg.exe=d;winemenubuilder.exe=d;mscoree,mshtml="
+    local stamp="$WINEPREFIX/.corvalen-ready-$2-$3"
+    [ -f "$stamp" ] && return 0
+    rm -rf "$WINEPREFIX"
+    mkdir -p "$WINEPREFIX"
+    DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
+    "$WINESERVER" -w
+    local dpi_hex
+    dpi_hex=$(printf '%08x' "$3")
+    # The style sheets ask for "Microsoft YaHei": Wine finds the system's WenQuanYi under that
+    # name, so Latin and Chinese text render in one sans-serif face, never as boxes.
+    cat >"$WINEPREFIX/corvalen.reg" <<REG
+Windows Registry Editor Version 5.00
+
+[HKEY_CURRENT_USER\\Software\\Wine\\Drivers]
+"Graphics"="$2"
+
+[HKEY_CURRENT_USER\\Control Panel\\Desktop]
+"LogPixels"=dword:$dpi_hex
+
+[HKEY_CURRENT_USER\\Software\\Wine\\Fonts\\Replacements]
+"Microsoft YaHei"="WenQuanYi Micro Hei"
+
+[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows NT\\CurrentVersion\\FontSubstitutes]
+"Microsoft YaHei"="WenQuanYi Micro Hei"
+
+[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows NT\\CurrentVersion\\AeDebug]
+"Debugger"=""
+"Auto"="0"
+REG
+    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1
+    "$WINESERVER" -k 2>/dev/null || true
+    "$WINESERVER" -w
+    touch "$stamp"
+}
+
+# A Linux path as Wine's Z: drive names it.
+winepath_of() {
+    printf 'Z:%s' "$(realpath -m "$1" | tr '/' '\\')"
+}
+
+wine_start() {
+    "$WINESERVER" -p || true
+    # Started by the first test, Wine's services would inherit its pipes and keep them open.
+    "$WINE" wineboot >/dev/null 2>&1 </dev/null || true
+}
+
+wine_stop() {
+    "$WINESERVER" -k 2>/dev/null || true
+    "$WINESERVER" -w 2>/dev/null || true
+}
