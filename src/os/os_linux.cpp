@@ -102,6 +102,17 @@ std::string processExeName(const std::string &pidDir)
     return comm;
 }
 
+// State Z (zombie) or X (dead), or gone: the state follows the ")" that closes the name.
+bool hasEnded(const std::string &pidDir)
+{
+    const std::string stat = readWholeFile(pidDir + "/stat");
+    const auto close = stat.rfind(')');
+    if (close == std::string::npos || close + 2 >= stat.size())
+        return true;
+    const char state = stat[close + 2];
+    return state == 'Z' || state == 'X';
+}
+
 std::string ownDirectory()
 {
     char target[4096];
@@ -231,6 +242,9 @@ public:
             if (end == entry->d_name || *end != '\0' || pid == 0)
                 continue;
             const std::string pidDir = std::string("/proc/") + entry->d_name;
+            // A snapshot lists live processes only: an unreaped zombie has ended.
+            if (hasEnded(pidDir))
+                continue;
             std::string name = processExeName(pidDir);
             if (name.empty())
                 continue; // gone while we looked
@@ -267,6 +281,9 @@ public:
         for (int fd = 0; fd <= 2; ++fd)
             posix_spawn_file_actions_addopen(&actions, fd, "/dev/null",
                                              fd == 0 ? O_RDONLY : O_WRONLY, 0);
+        // Like CreateProcess without handle inheritance: nothing of ours stays open in the
+        // child (a pipe held open there would keep its reader waiting for end-of-file).
+        posix_spawn_file_actions_addclosefrom_np(&actions, 3);
         pid_t pid = 0;
         const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
@@ -463,7 +480,8 @@ std::optional<NativeMessage> decodeClientMessage(const void *record, std::size_t
 bool isProcessAlive(ProcessId id)
 {
     const auto pid = static_cast<pid_t>(id);
-    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+    return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM) &&
+           !hasEnded("/proc/" + std::to_string(pid));
 }
 
 Platform &realPlatform()
