@@ -1,5 +1,7 @@
 #include "mainform/installlogic.h"
 
+#include <limits>
+
 #ifndef CORVALEN_AGREEMENT_PAGE
 #define CORVALEN_AGREEMENT_PAGE "https://help.corvalen.com/legal/agreement.html"
 #endif
@@ -36,8 +38,9 @@ QString installRefusal(bool bAgreementChecked, bool bPathMissing, std::uint32_t 
 
 int progressBarWidth(int backgroundWidth, int iProgress)
 {
-    const int w = backgroundWidth * iProgress / 100;
-    return w < 16 ? 16 : w;
+    // 64 bits: a malformed engine's wParam reaches here as any int.
+    const qint64 w = qint64(backgroundWidth) * iProgress / 100;
+    return int(qBound<qint64>(16, w, std::numeric_limits<int>::max()));
 }
 
 static QUrl agreementUrl(const char *fragment)

@@ -15,6 +15,8 @@
 #include <QLineEdit>
 #include <QPushButton>
 
+#include <limits>
+
 namespace {
 
 template <typename T = QWidget> T *child(QWidget *w, const char *name)
@@ -473,6 +475,9 @@ void tst_MainForm::progressWidth_data()
     QTest::newRow("99") << 99 << 376;
     QTest::newRow("100") << 100 << 380;
     QTest::newRow("negative") << -20 << 16;
+    QTest::newRow("negative, past 32 bits") << -5651475 << 16;
+    QTest::newRow("most negative") << std::numeric_limits<int>::min() << 16;
+    QTest::newRow("huge, past 32 bits") << 6000000 << 22800000;
 }
 
 void tst_MainForm::progressWidth()
