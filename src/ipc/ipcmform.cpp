@@ -65,8 +65,12 @@ bool IPCmForm::nativeEvent(const QByteArray &eventType, void *message, long *res
     const std::optional<os::NativeMessage> decoded =
         os::platform().decodeNativeMessage(message, os::kNativeMessageRecordSize);
     const char *name = decoded ? messageName(decoded->message) : nullptr;
-    if (!name)
+    if (!name) {
+        // Ours but not understood: Qt would only complain about an unknown client message.
+        if (decoded && decoded->privateCarrier)
+            return true;
         return QWidget::nativeEvent(eventType, message, result);
+    }
 
     qDebug().noquote() << QString("IPCmForm::nativeEvent: recv message from Installer(hWnd=%1), "
                                   "msg=%2, wp=%3, lp=%4")
@@ -101,7 +105,7 @@ bool IPCmForm::nativeEvent(const QByteArray &eventType, void *message, long *res
             m_pMainForm->quitApp();
         else
             QCoreApplication::exit(0); // the engine is done with us, linked or not
-        return QWidget::nativeEvent(eventType, message, result);
+        return decoded->privateCarrier || QWidget::nativeEvent(eventType, message, result);
     }
 }
 

@@ -47,6 +47,9 @@ struct NativeMessage
     std::uint32_t message = 0;
     std::uint64_t wParam = 0;
     std::int64_t lParam = 0;
+    // The record exists only to carry a posted message (an X11 ClientMessage of our atom):
+    // the toolkit has no use for it, whatever its number. A Windows MSG is never one.
+    bool privateCarrier = false;
 };
 
 // Every call that the program's decisions depend on, behind one interface so that tests can

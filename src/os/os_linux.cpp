@@ -474,6 +474,7 @@ std::optional<NativeMessage> decodeClientMessage(const void *record, std::size_t
         std::uint64_t(event.data.data32[1]) | (std::uint64_t(event.data.data32[2]) << 32);
     message.lParam = static_cast<std::int64_t>(std::uint64_t(event.data.data32[3]) |
                                                (std::uint64_t(event.data.data32[4]) << 32));
+    message.privateCarrier = true;
     return message;
 }
 

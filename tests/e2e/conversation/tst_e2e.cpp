@@ -147,6 +147,7 @@ void tst_E2E::installByClicks()
     QCOMPARE(in.last(), QString("1126/0"));
     QCOMPARE(in.count("1224/" + in.first().section('/', 1)), 1);
     QVERIFY(progressRisesTo100(log()));
+    QVERIFY2(!frontEndLog().contains("qt.qpa"), qPrintable(frontEndLog()));
 }
 
 void tst_E2E::withoutAgreementUnattended()
