@@ -228,9 +228,11 @@ protected:
     {
         const auto decoded =
             os::platform().decodeNativeMessage(message, os::kNativeMessageRecordSize);
-        // On Windows every message of the window comes through here; the rest are Qt's.
-        if (!decoded || !*messageName(decoded->message))
+        if (!decoded)
             return false;
+        // On Windows every message of the window comes through here; the rest are Qt's.
+        if (!*messageName(decoded->message))
+            return decoded->privateCarrier;
         logMessage("in", *decoded, true);
         switch (decoded->message) {
         case WM_IPC_HWND:
