@@ -12,6 +12,8 @@
 #include <QFrame>
 #include <QGraphicsDropShadowEffect>
 #include <QLabel>
+#include <QPainter>
+#include <QSvgRenderer>
 
 namespace {
 
@@ -55,6 +57,7 @@ private slots:
     void missingStyleSheetKeepsTheOld();
     void images_data();
     void images();
+    void completedVectorDrawsLikeItsBitmap();
     void shadowFrame();
     void shadowFrameTwiceGrowsTwice();
     void shadowMatchesQtEffect_data();
@@ -140,6 +143,31 @@ void tst_Kit::images()
         if (name.endsWith(".png"))
             QCOMPARE(pixmap.devicePixelRatio(), ratio);
     }
+}
+
+void tst_Kit::completedVectorDrawsLikeItsBitmap()
+{
+    // The bitmap is right (the tick cut out of the disc); QtSvg must draw the source alike.
+    const QImage bitmap =
+        QImage(":/images/completed@2x.png").convertToFormat(QImage::Format_ARGB32);
+    QImage drawn(bitmap.size(), QImage::Format_ARGB32);
+    drawn.fill(Qt::transparent);
+    QSvgRenderer renderer(QString(":/images/completed.svg"));
+    QVERIFY(renderer.isValid());
+    QPainter painter(&drawn);
+    renderer.render(&painter);
+    painter.end();
+    int differing = 0;
+    for (int y = 0; y < drawn.height(); ++y)
+        for (int x = 0; x < drawn.width(); ++x) {
+            const QRgb a = drawn.pixel(x, y), b = bitmap.pixel(x, y);
+            if (qAbs(qAlpha(a) - qAlpha(b)) > 64 ||
+                (qAlpha(b) > 192 && qAbs(qBlue(a) - qBlue(b)) > 64))
+                ++differing;
+        }
+    QVERIFY2(differing < drawn.width() * drawn.height() / 100,
+             qPrintable(QString::number(differing)));
+    QCOMPARE(qAlpha(drawn.pixel(26, 38)), 0); // inside the tick: cut out
 }
 
 void tst_Kit::shadowFrame()
