@@ -10,24 +10,24 @@ wine_prefix() {
     export WINEPREFIX="$1" WINEARCH=win64 WINEDEBUG=-all
     # No crash dialog that would hang a run, no add-on installers, no menu entries in $HOME.
     export WINEDLLOVERRIDES="winedbg.exe=d;winemenubuilder.exe=d;mscoree,mshtml="
-    local stamp="$WINEPREFIX/.corvalen-ready-$2-$3"
-    [ -f "$stamp" ] && return 0
-    rm -rf "$WINEPREFIX"
-    mkdir -p "$WINEPREFIX"
-    DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
-    "$WINESERVER" -w
-    local dpi_hex
-    dpi_hex=$(printf '%08x' "$3")
-    # The style sheets ask for "Microsoft YaHei": Wine finds the system's WenQuanYi under that
-    # name, so Latin and Chinese text render in one sans-serif face, never as boxes.
-    cat >"$WINEPREFIX/corvalen.reg" <<REG
+    # - No window manager on a private display: Wine would wait for one at every unmap, so its
+    #   windows are left unmanaged.
+    # - Keyboard cues off, as on a fresh Windows: focus frames only after keyboard use.
+    # - The style sheets ask for "Microsoft YaHei": Wine finds the system's WenQuanYi under
+    #   that name, so Latin and Chinese text render in one sans-serif face, never as boxes.
+    local settings
+    settings=$(cat <<REG
 Windows Registry Editor Version 5.00
 
 [HKEY_CURRENT_USER\\Software\\Wine\\Drivers]
 "Graphics"="$2"
 
+[HKEY_CURRENT_USER\\Software\\Wine\\X11 Driver]
+"Managed"="N"
+
 [HKEY_CURRENT_USER\\Control Panel\\Desktop]
-"LogPixels"=dword:$dpi_hex
+"LogPixels"=dword:$(printf '%08x' "$3")
+"UserPreferencesMask"=hex:9e,1e,07,80,12,00,00,00
 
 [HKEY_CURRENT_USER\\Software\\Wine\\Fonts\\Replacements]
 "Microsoft YaHei"="WenQuanYi Micro Hei"
@@ -39,9 +39,17 @@ Windows Registry Editor Version 5.00
 "Debugger"=""
 "Auto"="0"
 REG
-    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1
-    "$WINESERVER" -k 2>/dev/null || true
+)
+    local stamp
+    stamp="$WINEPREFIX/.corvalen-ready-$(md5sum <<<"$settings" | cut -c1-12)"
+    [ -f "$stamp" ] && return 0
+    rm -rf "$WINEPREFIX"
+    mkdir -p "$WINEPREFIX"
+    DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
     "$WINESERVER" -w
+    printf '%s\n' "$settings" >"$WINEPREFIX/corvalen.reg"
+    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1
+    "$WINESERVER" -w # the registry is written out when the server ends by itself
     touch "$stamp"
 }
 
