@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
 # Measures the front end against a minimal Qt Widgets program under a private Xvfb and prints
-# one table. Usage: bench/run.sh [pairs] (default 10 alternating start-up pairs).
+# one table. Usage: bench/run.sh [--windows] [pairs] (default 10 alternating start-up pairs).
+# --windows: the Windows build's size, and its start-up and peak memory under Wine against the
+# minimal program built the same way.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+windows=0
+[ "${1:-}" = --windows ] && windows=1 && shift
 pairs=${1:-10}
 
 scripts/install-deps.sh
@@ -10,19 +14,33 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-bench \
     corvalen-bench-minimal >/dev/null
 bin=build/bin
+front=("$bin/CorvalenSetup")
+minimal_program=("$bin/corvalen-bench-minimal")
+if [ "$windows" = 1 ]; then
+    scripts/build-windows.sh >/dev/null
+    # shellcheck source=../scripts/lib/wine.sh
+    source scripts/lib/wine.sh
+    wine_prefix "$(pwd)/build-windows/wineprefix-e2e" x11 96
+    front=("$WINE" "$(winepath_of build-windows/bin/CorvalenSetup.exe)")
+    minimal_program=("$WINE" "$(winepath_of build-windows/bin/corvalen-bench-minimal.exe)")
+fi
 
 # shellcheck source=../scripts/lib/xvfb.sh
 source scripts/lib/xvfb.sh
 start_private_xvfb
 trap stop_private_xvfb EXIT
+if [ "$windows" = 1 ]; then
+    trap 'wine_stop; stop_private_xvfb' EXIT
+    wine_start
+fi
 
 median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 # Start-up, A/B alternating so that both see the same machine state.
 front=() minimal=() ratios=()
 for ((i = 0; i < pairs; i++)); do
-    a=$($bin/corvalen-bench startup "$bin/CorvalenSetup")
-    b=$($bin/corvalen-bench startup "$bin/corvalen-bench-minimal")
+    a=$($bin/corvalen-bench startup "${front[@]}")
+    b=$($bin/corvalen-bench startup "${minimal_program[@]}")
     front+=("$a") minimal+=("$b")
     ratios+=("$(awk -v a="$a" -v b="$b" 'BEGIN { printf "%.3f", a / b }')")
 done
@@ -53,7 +71,7 @@ click() { xdotool mousemove $(($1 + $3)) $(($2 + $4)); sleep 0.1; xdotool click 
 
 install_peak() { # one whole self-test installation driven by clicks: peak RSS in kB
     local fe watcher pos x y
-    $bin/CorvalenSetup >/dev/null 2>&1 &
+    "${front[@]}" >/dev/null 2>&1 &
     fe=$!
     peak "$fe" >/tmp/corvalen-bench-peak &
     watcher=$!
@@ -69,7 +87,7 @@ install_peak() { # one whole self-test installation driven by clicks: peak RSS i
 }
 minimal_peak() {
     local mp watcher
-    $bin/corvalen-bench-minimal >/dev/null 2>&1 &
+    "${minimal_program[@]}" >/dev/null 2>&1 &
     mp=$!
     peak "$mp" >/tmp/corvalen-bench-peak &
     watcher=$!
@@ -88,6 +106,21 @@ done
 rss_front=$(printf '%s\n' "${front_peaks[@]}" | median)
 rss_minimal=$(printf '%s\n' "${minimal_peaks[@]}" | median)
 rm -f /tmp/corvalen-bench-peak
+
+if [ "$windows" = 1 ]; then
+    exe=build-windows/bin/CorvalenSetup.exe
+    stripped=$(mktemp)
+    x86_64-w64-mingw32-strip -o "$stripped" "$exe"
+    printf '\n%-46s %12s %12s %8s %s\n' "measure (Windows build under Wine)" "front end" minimal ratio target
+    printf '%-46s %12s %12s %8s %s\n' "CorvalenSetup.exe stripped (bytes)" "$(stat -c %s "$stripped")" \
+        "$(stat -c %s build-windows/bin/corvalen-bench-minimal.exe)" - "<= 10 MB"
+    printf '%-46s %12s %12s %8s %s\n' "start-up, spawn -> first map (ms, median)" \
+        "$startup_front" "$startup_minimal" "$startup_ratio" "as on Linux"
+    printf '%-46s %12s %12s %8s %s\n' "peak RSS, whole self-test install (kB)" "$rss_front" \
+        "$rss_minimal" "$(awk -v a="$rss_front" -v b="$rss_minimal" 'BEGIN { printf "%.2f", a / b }')" "as on Linux"
+    rm -f "$stripped"
+    exit 0
+fi
 
 # Latency, idle CPU and the flood.
 declare -A conv

@@ -19,7 +19,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # Static C and C++ runtimes: the programs import system DLLs only.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections")
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
 # What ships is stripped.
 set(CMAKE_EXE_LINKER_FLAGS_MINSIZEREL_INIT "-s")

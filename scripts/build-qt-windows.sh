@@ -7,7 +7,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-prefix=${CORVALEN_QT_WINDOWS:-${XDG_CACHE_HOME:-$HOME/.cache}/corvalen/qt5-win64-static}
 jobs=$(nproc)
 
 # What the front end uses: Core, Gui, Widgets, Concurrent, Svg and the windows platform
@@ -20,11 +19,22 @@ options=(
     -qt-zlib -qt-libpng -qt-pcre -qt-freetype -qt-harfbuzz
     -no-gif -no-ico -no-libjpeg
     -no-feature-sql -no-feature-network -no-openssl -no-feature-xml -no-feature-vulkan
+    -no-feature-textodfwriter -no-feature-textmarkdownreader -no-feature-textmarkdownwriter
+    -no-feature-mdiarea -no-feature-calendarwidget -no-feature-lcdnumber -no-feature-dial
+    -no-feature-undoview -no-feature-wizard -no-feature-splashscreen -no-feature-keysequenceedit
+    -no-feature-fontcombobox -no-feature-colordialog -no-feature-fontdialog
+    -no-feature-inputdialog -no-feature-errormessage -no-feature-systemtrayicon
     # Debian's repacked source leaves out the tablet header.
     -no-feature-tabletevent
+    # A static Qt is not split into sections by itself; split, the linker drops what the
+    # program does not call.
+    "QMAKE_CFLAGS+=-ffunction-sections -fdata-sections"
+    "QMAKE_CXXFLAGS+=-ffunction-sections -fdata-sections"
 )
-stamp="$prefix/.corvalen-complete"
 want="${options[*]}"
+# One folder per set of options: changing them builds anew beside the old build.
+prefix=${CORVALEN_QT_WINDOWS:-${XDG_CACHE_HOME:-$HOME/.cache}/corvalen/qt5-win64-static-$(md5sum <<<"$want" | cut -c1-8)}
+stamp="$prefix/.corvalen-complete"
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want" ]; then
     echo "$prefix"
     exit 0

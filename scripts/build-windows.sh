@@ -7,6 +7,10 @@ root=$(pwd)
 
 scripts/install-deps.sh
 qt=$(scripts/build-qt-windows.sh)
+# Another Qt (its options changed): start the tree afresh rather than mix the two.
+if ! grep -qsx "CORVALEN_QT_WINDOWS:PATH=$qt" build-windows/CMakeCache.txt; then
+    rm -rf build-windows/CMakeCache.txt build-windows/CMakeFiles
+fi
 cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" \
     -DCORVALEN_QT_WINDOWS="$qt" -DCMAKE_BUILD_TYPE=MinSizeRel >/dev/null
 cmake --build build-windows -j"$(nproc)"

@@ -18,6 +18,7 @@
 #include <QtConcurrent/QtConcurrentMap>
 
 #include <functional>
+#include <utility>
 
 namespace {
 
@@ -83,10 +84,7 @@ MainForm::MainForm(QWidget *parent) : QDialog(parent), ui(new Ui::MainForm)
 
 MainForm::~MainForm()
 {
-    if (m_pWatcher && m_pWatcher->isRunning()) {
-        m_pWatcher->cancel();
-        m_pWatcher->waitForFinished();
-    }
+    m_checks.waitForFinished();
     delete m_pToast; // a top-level window of its own, not a Qt child
     delete ui;
 }
@@ -237,8 +235,15 @@ void MainForm::on_btnClose_clicked()
         return;
     }
     MyMsgBox box(this);
-    if (box.showMsg("确定退出安装吗？", QString()) != 1)
+    m_bCloseAsked = true;
+    const int iAnswer = box.showMsg("确定退出安装吗？", QString());
+    m_bCloseAsked = false;
+    const std::optional<bool> held = std::exchange(m_heldCheck, std::nullopt);
+    if (iAnswer != 1) {
+        if (held)
+            handleAppCheck(*held);
         return;
+    }
     if (m_pIPCForm)
         m_pIPCForm->sendCancel();
     quitLater(1000);
@@ -271,12 +276,22 @@ void MainForm::on_btnInstall_clicked()
     std::function<bool(const QString &)> isRunning = [](const QString &strName) {
         return Global::IsProcessExists(strName);
     };
-    m_pWatcher->setFuture(QtConcurrent::mapped(QStringList{"Tandemo.exe"}, isRunning));
+    const QFuture<bool> check = QtConcurrent::mapped(QStringList{"Tandemo.exe"}, isRunning);
+    m_checks.addFuture(check);
+    m_pWatcher->setFuture(check);
 }
 
 void MainForm::slCheckAppRunning(int resultIndex)
 {
     const bool bRunning = m_pWatcher->resultAt(resultIndex);
+    if (m_bCloseAsked)
+        m_heldCheck = bRunning;
+    else
+        handleAppCheck(bRunning);
+}
+
+void MainForm::handleAppCheck(bool bRunning)
+{
     if (bRunning) {
         MyMsgBox box(this);
         if (box.showMsg("系统正在运行，是否关闭应用后继续安装？", QString()) != 1)

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <QDialog>
+#include <QFutureSynchronizer>
 #include <QFutureWatcher>
+
 #include <QPoint>
 #include <QTimer>
+#include <optional>
 
 #include <cstdint>
 
@@ -64,6 +67,7 @@ private:
     void showCompletedPage();
     void notifyInstallPath(const QString &strPath);
     void startInstall();
+    void handleAppCheck(bool bRunning);
     void startSelfTestProgress();
 
     bool m_bPressed = false;
@@ -86,4 +90,9 @@ private:
     int m_iShadowWidth = 8;
     Toast *m_pToast = nullptr;
     QFutureWatcher<bool> *m_pWatcher = nullptr;
+    // Every check started, superseded ones too: none may outlive the window.
+    QFutureSynchronizer<bool> m_checks;
+    // A check's result that came while the close question was open waits for its answer.
+    bool m_bCloseAsked = false;
+    std::optional<bool> m_heldCheck;
 };

@@ -2,11 +2,28 @@
 // recorded. Install it with FakePlatformScope so the real platform comes back afterwards.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "os/os.h"
+
+// An int that pool threads read while the test writes it; copied like a plain value so that
+// the fake stays assignable.
+struct SharedInt
+{
+    std::atomic<int> value{0};
+    SharedInt() = default;
+    SharedInt(const SharedInt &other) : value(other.value.load()) {}
+    SharedInt &operator=(const SharedInt &other)
+    {
+        value = other.value.load();
+        return *this;
+    }
+};
 
 class FakePlatform : public os::Platform
 {
@@ -15,6 +32,8 @@ public:
     bool snapshotOk = true;
     std::uint32_t snapshotError = 5;
     std::vector<os::ProcessEntry> processes;
+    SharedInt snapshotDelayMs; // a slow machine's snapshot (taken on pool threads)
+    SharedInt snapshotCalls;
     std::vector<os::ProcessId> unopenable;     // terminateProcess answers false for these
     std::vector<os::ProcessId> terminated;     // in call order
     bool removeTerminated = true;              // a terminated process leaves the snapshot
@@ -51,6 +70,9 @@ public:
 
     bool snapshotProcesses(std::vector<os::ProcessEntry> &out, std::uint32_t &error) override
     {
+        const int delay = snapshotDelayMs.value;
+        ++snapshotCalls.value;
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         if (!snapshotOk) {
             error = snapshotError;
             return false;

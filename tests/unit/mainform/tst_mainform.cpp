@@ -14,6 +14,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QThreadPool>
 
 #include <limits>
 
@@ -86,6 +87,9 @@ private slots:
     void refusals();
     void runningApplication_data();
     void runningApplication();
+    void checkMeetsCloseQuestion_data();
+    void checkMeetsCloseQuestion();
+    void destructionWaitsForEveryCheck();
     void progressWidth_data();
     void progressWidth();
     void progressAndCompletion();
@@ -462,6 +466,71 @@ void tst_MainForm::runningApplication()
     QCOMPARE(m_fake.terminated, killed);
     QCOMPARE(m_fake.posted.size(), size_t(starts ? 1 : 0));
     QCOMPARE(child(&form, "btnInstall")->isVisible(), !starts);
+}
+
+void tst_MainForm::checkMeetsCloseQuestion_data()
+{
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<bool>("starts");
+    QTest::newRow("stays: the held result starts the install") << "btnCancel" << true;
+    QTest::newRow("quits: the held result is dropped") << "btnOK" << false;
+}
+
+void tst_MainForm::checkMeetsCloseQuestion()
+{
+    QFETCH(QString, answer);
+    QFETCH(bool, starts);
+    MainForm form;
+    form.setIPCForm(m_ipc);
+    form.show();
+    form.setInstallPath("D:\\x\\Tandemo", true);
+    form.setDiskSpace(1500, 10000);
+    child<QPushButton>(&form, "btnChkbox")->click();
+    // The question opens right after the press, so the check ends and its result is delivered
+    // inside the close question's loop; quitting ends the outer loop a second later, staying is
+    // ended here.
+    bool installedBehindQuestion = true;
+    const auto answerAfterTheCheck = [&] {
+        QThreadPool::globalInstance()->waitForDone();
+        QTest::qWait(50);
+        installedBehindQuestion =
+            child(&form, "lblInstalling")->isVisible() || !m_fake.posted.empty();
+        QApplication::activeModalWidget()->findChild<QPushButton *>(answer)->click();
+    };
+    QTimer::singleShot(0, [&] {
+        child<QPushButton>(&form, "btnInstall")->click();
+        QTimer::singleShot(0, answerAfterTheCheck);
+        child<QPushButton>(&form, "btnClose")->click();
+        if (starts)
+            QCoreApplication::exit(0);
+    });
+    QTimer fallback;
+    connect(&fallback, &QTimer::timeout, [] { QCoreApplication::exit(3); });
+    fallback.start(10000);
+    QCOMPARE(QCoreApplication::exec(), 0);
+    QVERIFY(!installedBehindQuestion);
+    QTest::qWait(50);
+    QCOMPARE(child(&form, "lblInstalling")->isVisible(), starts);
+    QCOMPARE(m_fake.posted.size(), size_t(1));
+    QCOMPARE(m_fake.posted.front().message,
+             std::uint32_t(starts ? WM_INSTALL_PATH : WM_CANCEL_INSTALL));
+}
+
+void tst_MainForm::destructionWaitsForEveryCheck()
+{
+    {
+        MainForm form;
+        form.setIPCForm(m_ipc);
+        form.setInstallPath("D:\\x\\Tandemo", true);
+        form.setDiskSpace(1500, 10000);
+        child<QPushButton>(&form, "btnChkbox")->click();
+        m_fake.snapshotDelayMs.value = 600;
+        child<QPushButton>(&form, "btnInstall")->click();
+        QTRY_COMPARE(m_fake.snapshotCalls.value.load(), 1);
+        m_fake.snapshotDelayMs.value = 0;
+        child<QPushButton>(&form, "btnInstall")->click(); // supersedes the slow check
+    }
+    QCOMPARE(QThreadPool::globalInstance()->activeThreadCount(), 0);
 }
 
 void tst_MainForm::progressWidth_data()
