@@ -39,9 +39,15 @@ fi
 # shellcheck source=lib/xvfb.sh
 source scripts/lib/xvfb.sh
 start_private_xvfb
+# A light desktop and a compositor: the windows' translucent shadow margin is blended as on
+# Windows instead of showing black. (hsetroot leaves the root pixmap the compositor paints.)
+hsetroot -solid '#F2F3F5' >/dev/null
+xcompmgr >/dev/null 2>&1 &
+compositor_pid=$!
 engine_pid=
 cleanup() {
     [ -n "$engine_pid" ] && kill "$engine_pid" 2>/dev/null || true
+    kill "$compositor_pid" 2>/dev/null || true
     [ "$windows" = 1 ] && wine_stop
     stop_private_xvfb
 }

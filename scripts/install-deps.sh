@@ -10,6 +10,8 @@ packages=(
     googletest libgtest-dev
     # display for the os and e2e tiers, the demo's screenshots, fonts for the CJK texts
     xvfb xauth xdotool fonts-wqy-microhei procps
+    # the demo's pictures: a compositor and a light desktop, so the shadow shows as it does
+    xcompmgr hsetroot
     # Windows tier: cross compiler and Wine
     g++-mingw-w64-x86-64-posix wine64
     # fuzzing, sanitizers, static analysis
