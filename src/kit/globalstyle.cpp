@@ -48,7 +48,7 @@ QFrame *CreateShadowFrame(QWidget *host, QWidget *content, int radius, int shado
     // One pixel shorter than the content, so the backing never peeks out below it.
     frame->setGeometry(shadowWidth, shadowWidth, size.width(), size.height() - 1);
 
-    auto *shadow = new ShadowEffect(style, host);
+    auto *shadow = new ShadowEffect(frame, host);
     shadow->setOffset(0, 0);
     shadow->setColor(QColor(0, 0, 0, 42));
     shadow->setBlurRadius(shadowWidth);

@@ -1,8 +1,10 @@
 #include "kit/shadoweffect.h"
 
-#include <QFrame>
+#include <QEvent>
+#include <QLabel>
 #include <QPaintDevice>
 #include <QPainter>
+#include <QPixmap>
 #include <QRect>
 #include <QTransform>
 #include <QWidget>
@@ -54,35 +56,88 @@ Cuts cutsFor(int tileLength, int targetLength, int middle, int step)
 
 } // namespace
 
-ShadowEffect::ShadowEffect(const QString &frameStyle, QObject *parent)
-    : QGraphicsDropShadowEffect(parent), m_frameStyle(frameStyle)
+ShadowEffect::ShadowEffect(QWidget *frame, QObject *parent) : QGraphicsDropShadowEffect(parent)
 {
+    frame->installEventFilter(this);
     const auto forgetTile = [this] { m_tile = QImage(); };
     connect(this, &QGraphicsDropShadowEffect::offsetChanged, this, forgetTile);
     connect(this, &QGraphicsDropShadowEffect::blurRadiusChanged, this, forgetTile);
     connect(this, &QGraphicsDropShadowEffect::colorChanged, this, forgetTile);
 }
 
-QImage ShadowEffect::renderReference(const QSize &frameSize, qreal dpr) const
+void ShadowEffect::sourceChanged(ChangeFlags flags)
 {
-    const QRect bounds = boundingRectFor(QRectF(QPointF(0, 0), frameSize)).toAlignedRect();
+    if (flags & SourceInvalidated)
+        m_tile = QImage();
+    QGraphicsDropShadowEffect::sourceChanged(flags);
+}
+
+// A widget source never reports SourceInvalidated: what changes a frame's look is watched
+// on the frame itself.
+bool ShadowEffect::eventFilter(QObject *watched, QEvent *event)
+{
+    switch (event->type()) {
+    case QEvent::StyleChange:
+    case QEvent::PaletteChange:
+    case QEvent::FontChange:
+    case QEvent::ChildAdded:
+    case QEvent::ChildRemoved:
+        m_tile = QImage();
+        break;
+    default:
+        break;
+    }
+    return QGraphicsDropShadowEffect::eventFilter(watched, event);
+}
+
+QImage ShadowEffect::renderWithQtEffect(QWidget *content, qreal dpr) const
+{
+    const QSize contentSize = content->size();
+    const QRect bounds = boundingRectFor(QRectF(QPointF(0, 0), contentSize)).toAlignedRect();
     QWidget host;
     host.resize(bounds.size());
-    auto *frame = new QFrame(&host);
-    frame->setStyleSheet(m_frameStyle);
-    frame->setGeometry(QRect(-bounds.topLeft(), frameSize));
-    auto *shadow = new QGraphicsDropShadowEffect(frame);
+    content->setParent(&host);
+    content->setGeometry(QRect(-bounds.topLeft(), contentSize));
+    auto *shadow = new QGraphicsDropShadowEffect(content);
     shadow->setOffset(offset());
     shadow->setColor(color());
     shadow->setBlurRadius(blurRadius());
-    frame->setGraphicsEffect(shadow);
-    frame->show();
+    content->setGraphicsEffect(shadow);
+    content->show();
 
     QImage image(bounds.size() * dpr, QImage::Format_ARGB32_Premultiplied);
     image.setDevicePixelRatio(dpr);
     image.fill(Qt::transparent);
     host.render(&image, QPoint(), QRegion(), QWidget::DrawChildren);
     return image;
+}
+
+// The frame as it is, cut down to the tile's size: its four corners, the middle left out.
+// The shift of the far half is a whole grid step, so every pixel keeps its place on the grid.
+QImage ShadowEffect::smallFrame(const QSize &tileFrame, qreal dpr)
+{
+    QImage whole = sourcePixmap(Qt::DeviceCoordinates, nullptr, QGraphicsEffect::NoPad)
+                       .toImage()
+                       .convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    whole.setDevicePixelRatio(1); // copied pixel for pixel
+    const QSize small = tileFrame * dpr;
+    const QPoint cut(small.width() / 2, small.height() / 2);
+    const QPoint shift(whole.width() - small.width(), whole.height() - small.height());
+    QImage out(small, QImage::Format_ARGB32_Premultiplied);
+    out.fill(Qt::transparent);
+    QPainter painter(&out);
+    painter.setCompositionMode(QPainter::CompositionMode_Source);
+    for (const QRect &part : {QRect(QPoint(0, 0), QPoint(cut.x() - 1, cut.y() - 1)),
+                              QRect(QPoint(cut.x(), 0), QPoint(small.width() - 1, cut.y() - 1)),
+                              QRect(QPoint(0, cut.y()), QPoint(cut.x() - 1, small.height() - 1)),
+                              QRect(cut, QPoint(small.width() - 1, small.height() - 1))}) {
+        const QPoint from(part.left() < cut.x() ? 0 : shift.x(),
+                          part.top() < cut.y() ? 0 : shift.y());
+        painter.drawImage(part.topLeft(), whole, part.translated(from));
+    }
+    painter.end();
+    out.setDevicePixelRatio(dpr);
+    return out;
 }
 
 void ShadowEffect::draw(QPainter *painter)
@@ -98,7 +153,10 @@ void ShadowEffect::draw(QPainter *painter)
     }
 
     if (m_tile.isNull() || m_tileFrame != tileFrame || !qFuzzyCompare(m_tileDpr, dpr)) {
-        m_tile = renderReference(tileFrame, dpr);
+        auto *frameImage = new QLabel;
+        frameImage->setPixmap(QPixmap::fromImage(smallFrame(tileFrame, dpr)));
+        frameImage->resize(tileFrame);
+        m_tile = renderWithQtEffect(frameImage, dpr);
         m_tileFrame = tileFrame;
         m_tileDpr = dpr;
     }

@@ -6,7 +6,6 @@
 #include <QGraphicsDropShadowEffect>
 #include <QImage>
 #include <QSize>
-#include <QString>
 
 class ShadowEffect final : public QGraphicsDropShadowEffect
 {
@@ -14,20 +13,22 @@ class ShadowEffect final : public QGraphicsDropShadowEffect
     Q_DISABLE_COPY_MOVE(ShadowEffect)
 
 public:
-    // frameStyle: the style sheet of the frame the effect is set on; the small copy is drawn
-    // with it.
-    explicit ShadowEffect(const QString &frameStyle, QObject *parent = nullptr);
+    // frame: the widget the effect is set on; its look is watched so that the tile follows it.
+    explicit ShadowEffect(QWidget *frame, QObject *parent = nullptr);
 
-    // The shadowed frame as Qt's own effect draws it, on a transparent image of the effect's
-    // bounding size: the reference the stretched tile is cut from.
-    QImage renderReference(const QSize &frameSize, qreal dpr) const;
+    // `content` (taken over) with Qt's own effect of these properties, on a transparent image
+    // of the effect's bounding size: how the tile is made, and the yardstick it is held to.
+    QImage renderWithQtEffect(QWidget *content, qreal dpr) const;
 
 protected:
     void draw(QPainter *painter) override;
+    void sourceChanged(ChangeFlags flags) override;
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
-    QString m_frameStyle;
-    QImage m_tile;     // null until drawn and after any change of the shadow's properties
+    QImage smallFrame(const QSize &tileFrame, qreal dpr);
+
+    QImage m_tile;     // null until drawn, and after any change of the frame or of the shadow
     QSize m_tileFrame; // the small frame's size in device-independent pixels
     qreal m_tileDpr = 0;
 };

@@ -62,6 +62,7 @@ private slots:
     void shadowFrameTwiceGrowsTwice();
     void shadowMatchesQtEffect_data();
     void shadowMatchesQtEffect();
+    void shadowFollowsItsFrame();
     void propertySwitchRepolishes();
     void pushButtonHoverSwap();
     void lineEditHoverSwap();
@@ -230,7 +231,7 @@ void tst_Kit::shadowMatchesQtEffect()
     auto *frame = new QFrame(&host);
     frame->setStyleSheet(style);
     frame->setGeometry(QRect(QPoint(8, 8), frameSize));
-    auto *shadow = new ShadowEffect(style, &host);
+    auto *shadow = new ShadowEffect(frame, &host);
     shadow->setOffset(0, 0);
     shadow->setColor(QColor(0, 0, 0, 42));
     shadow->setBlurRadius(8);
@@ -243,7 +244,10 @@ void tst_Kit::shadowMatchesQtEffect()
         drawn.fill(Qt::transparent);
         host.render(&drawn, QPoint(), QRegion(), QWidget::DrawChildren);
 
-        const QImage reference = shadow->renderReference(frameSize, dpr);
+        auto *alone = new QFrame;
+        alone->setStyleSheet(style);
+        alone->resize(frameSize);
+        const QImage reference = shadow->renderWithQtEffect(alone, dpr);
         QCOMPARE(drawn.size(), reference.size());
         int worst = 0;
         QPoint at;
@@ -272,6 +276,22 @@ void tst_Kit::shadowMatchesQtEffect()
         // edge.
         QVERIFY(qAlpha(reference.pixel(reference.width() / 2, qRound(8 * dpr) - 2)) > 0);
     }
+}
+
+void tst_Kit::shadowFollowsItsFrame()
+{
+    QWidget host;
+    host.resize(460, 330);
+    QFrame *frame = Global::CreateShadowFrame(&host, nullptr, 4, 8);
+    const auto centre = [&] {
+        QImage drawn(host.size(), QImage::Format_ARGB32_Premultiplied);
+        drawn.fill(Qt::transparent);
+        host.render(&drawn, QPoint(), QRegion(), QWidget::DrawChildren);
+        return QColor(drawn.pixel(host.width() / 2, host.height() / 2)).name();
+    };
+    QCOMPARE(centre(), QString("#ffffff"));
+    frame->setStyleSheet("QFrame{background-color: #FF0000; border-radius:4px;}");
+    QCOMPARE(centre(), QString("#ff0000")); // drawn from the frame as it is now
 }
 
 void tst_Kit::propertySwitchRepolishes()
