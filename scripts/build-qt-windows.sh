@@ -23,7 +23,7 @@ options=(
     -no-feature-mdiarea -no-feature-calendarwidget -no-feature-lcdnumber -no-feature-dial
     -no-feature-undoview -no-feature-wizard -no-feature-splashscreen -no-feature-keysequenceedit
     -no-feature-fontcombobox -no-feature-colordialog -no-feature-fontdialog
-    -no-feature-inputdialog -no-feature-errormessage -no-feature-systemtrayicon
+    -no-feature-errormessage -no-feature-systemtrayicon
     # Debian's repacked source leaves out the tablet header.
     -no-feature-tabletevent
     # A static Qt is not split into sections by itself; split, the linker drops what the
@@ -35,7 +35,8 @@ want="${options[*]}"
 # One folder per set of options: changing them builds anew beside the old build.
 prefix=${CORVALEN_QT_WINDOWS:-${XDG_CACHE_HOME:-$HOME/.cache}/corvalen/qt5-win64-static-$(md5sum <<<"$want" | cut -c1-8)}
 stamp="$prefix/.corvalen-complete"
-if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want" ]; then
+# A folder named explicitly is taken as it is once a build there has finished.
+if [ -f "$stamp" ] && { [ -n "${CORVALEN_QT_WINDOWS:-}" ] || [ "$(cat "$stamp")" = "$want" ]; }; then
     echo "$prefix"
     exit 0
 fi
