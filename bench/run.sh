@@ -14,15 +14,15 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-bench \
     corvalen-bench-minimal >/dev/null
 bin=build/bin
-front=("$bin/CorvalenSetup")
-minimal_program=("$bin/corvalen-bench-minimal")
+front_cmd=("$bin/CorvalenSetup")
+minimal_cmd=("$bin/corvalen-bench-minimal")
 if [ "$windows" = 1 ]; then
     scripts/build-windows.sh >/dev/null
     # shellcheck source=../scripts/lib/wine.sh
     source scripts/lib/wine.sh
     wine_prefix "$(pwd)/build-windows/wineprefix-e2e" x11 96
-    front=("$WINE" "$(winepath_of build-windows/bin/CorvalenSetup.exe)")
-    minimal_program=("$WINE" "$(winepath_of build-windows/bin/corvalen-bench-minimal.exe)")
+    front_cmd=("$WINE" "$(winepath_of build-windows/bin/CorvalenSetup.exe)")
+    minimal_cmd=("$WINE" "$(winepath_of build-windows/bin/corvalen-bench-minimal.exe)")
 fi
 
 # shellcheck source=../scripts/lib/xvfb.sh
@@ -39,8 +39,8 @@ median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] 
 # Start-up, A/B alternating so that both see the same machine state.
 front=() minimal=() ratios=()
 for ((i = 0; i < pairs; i++)); do
-    a=$($bin/corvalen-bench startup "${front[@]}")
-    b=$($bin/corvalen-bench startup "${minimal_program[@]}")
+    a=$($bin/corvalen-bench startup "${front_cmd[@]}")
+    b=$($bin/corvalen-bench startup "${minimal_cmd[@]}")
     front+=("$a") minimal+=("$b")
     ratios+=("$(awk -v a="$a" -v b="$b" 'BEGIN { printf "%.3f", a / b }')")
 done
@@ -71,7 +71,7 @@ click() { xdotool mousemove $(($1 + $3)) $(($2 + $4)); sleep 0.1; xdotool click 
 
 install_peak() { # one whole self-test installation driven by clicks: peak RSS in kB
     local fe watcher pos x y
-    "${front[@]}" >/dev/null 2>&1 &
+    "${front_cmd[@]}" >/dev/null 2>&1 &
     fe=$!
     peak "$fe" >/tmp/corvalen-bench-peak &
     watcher=$!
@@ -87,7 +87,7 @@ install_peak() { # one whole self-test installation driven by clicks: peak RSS i
 }
 minimal_peak() {
     local mp watcher
-    "${minimal_program[@]}" >/dev/null 2>&1 &
+    "${minimal_cmd[@]}" >/dev/null 2>&1 &
     mp=$!
     peak "$mp" >/tmp/corvalen-bench-peak &
     watcher=$!
