@@ -33,5 +33,5 @@ trap 'wine_stop; stop_private_xvfb' EXIT
 wine_start
 rm -rf "$root/build-windows/pages"
 (cd build && CORVALEN_WINDOWS_BIN="$root/build-windows/bin" \
-    CORVALEN_PAGES_OUT="$root/build-windows/pages" ctest --output-on-failure -L wine) || status=1
+    CORVALEN_PAGES_OUT="$root/build-windows/pages" ctest -V -L wine) || status=1
 exit "$status"
