@@ -102,6 +102,22 @@ inline qint64 loggedNumber(const QList<QJsonObject> &log, const char *event, con
     return 0;
 }
 
+// A small payload standing in for the application: a few hundred KB in two folders, one file
+// named `secondName`. Returns its folder, or "" when it could not be written.
+inline QString makePayload(const QString &dir, const QString &secondName)
+{
+    const QString payload = dir + "/payload";
+    QDir().mkpath(payload + "/bin");
+    QFile a(payload + "/Tandemo.exe");
+    QFile b(payload + "/bin/" + secondName);
+    if (!a.open(QFile::WriteOnly) || !b.open(QFile::WriteOnly))
+        return QString();
+    for (int i = 0; i < 40000; ++i)
+        a.write(QByteArray::number(i * 7919) + "\n");
+    b.write(QByteArray(300000, 'x'));
+    return payload;
+}
+
 // Every file of `a` is in `b` with the same bytes, and `a` is not empty.
 inline bool sameTree(const QString &a, const QString &b)
 {

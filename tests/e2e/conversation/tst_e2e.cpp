@@ -62,15 +62,8 @@ void tst_E2E::initTestCase()
     if (qEnvironmentVariableIsEmpty("DISPLAY"))
         QSKIP("needs an X display");
     QVERIFY(QFileInfo(kBin + "/CorvalenSetup").isExecutable());
-    m_payload = m_dir.path() + "/payload";
-    QDir().mkpath(m_payload + "/bin");
-    QFile a(m_payload + "/Tandemo.exe");
-    QVERIFY(a.open(QFile::WriteOnly));
-    for (int i = 0; i < 40000; ++i)
-        a.write(QByteArray::number(i * 7919) + "\n");
-    QFile b(m_payload + "/bin/名字.dat");
-    QVERIFY(b.open(QFile::WriteOnly));
-    b.write(QByteArray(300000, 'x'));
+    m_payload = makePayload(m_dir.path(), "名字.dat");
+    QVERIFY(!m_payload.isEmpty());
 }
 
 void tst_E2E::init()

@@ -130,15 +130,8 @@ void tst_E2EWine::initTestCase()
     QVERIFY2(QFileInfo(windowsBin() + "/CorvalenSetup.exe").exists(),
              "CORVALEN_WINDOWS_BIN must name build-windows/bin");
     QVERIFY2(!qEnvironmentVariableIsEmpty("WINEPREFIX"), "needs the tier's own WINEPREFIX");
-    m_payload = m_dir.path() + "/payload";
-    QDir().mkpath(m_payload + "/bin");
-    QFile a(m_payload + "/Tandemo.exe");
-    QVERIFY(a.open(QFile::WriteOnly));
-    for (int i = 0; i < 40000; ++i)
-        a.write(QByteArray::number(i * 7919) + "\n");
-    QFile b(m_payload + "/bin/data.dat");
-    QVERIFY(b.open(QFile::WriteOnly));
-    b.write(QByteArray(300000, 'x'));
+    m_payload = makePayload(m_dir.path(), "data.dat");
+    QVERIFY(!m_payload.isEmpty());
 }
 
 void tst_E2EWine::init()

@@ -101,6 +101,16 @@ private slots:
     void look();
 
 private:
+    // Linked, shown, a writable folder with room, the agreement ticked: 安装 passes its checks.
+    void readyToInstall(MainForm &form)
+    {
+        form.setIPCForm(m_ipc);
+        form.show();
+        form.setInstallPath("D:\\x\\Tandemo", true);
+        form.setDiskSpace(1500, 10000);
+        child<QPushButton>(&form, "btnChkbox")->click();
+    }
+
     FakePlatform m_fake;
     IPCmForm *m_ipc = nullptr;
 };
@@ -447,11 +457,7 @@ void tst_MainForm::runningApplication()
     QFETCH(bool, starts);
     m_fake.processes = processes;
     MainForm form;
-    form.setIPCForm(m_ipc);
-    form.show();
-    form.setInstallPath("D:\\x\\Tandemo", true);
-    form.setDiskSpace(1500, 10000);
-    child<QPushButton>(&form, "btnChkbox")->click();
+    readyToInstall(form);
     QString asked;
     if (!answer.isEmpty())
         answerNextBox(answer, &asked);
@@ -481,11 +487,7 @@ void tst_MainForm::checkMeetsCloseQuestion()
     QFETCH(QString, answer);
     QFETCH(bool, starts);
     MainForm form;
-    form.setIPCForm(m_ipc);
-    form.show();
-    form.setInstallPath("D:\\x\\Tandemo", true);
-    form.setDiskSpace(1500, 10000);
-    child<QPushButton>(&form, "btnChkbox")->click();
+    readyToInstall(form);
     // The question opens right after the press, so the check ends and its result is delivered
     // inside the close question's loop; quitting ends the outer loop a second later, staying is
     // ended here.
@@ -520,10 +522,7 @@ void tst_MainForm::destructionWaitsForEveryCheck()
 {
     {
         MainForm form;
-        form.setIPCForm(m_ipc);
-        form.setInstallPath("D:\\x\\Tandemo", true);
-        form.setDiskSpace(1500, 10000);
-        child<QPushButton>(&form, "btnChkbox")->click();
+        readyToInstall(form);
         m_fake.snapshotDelayMs.value = 600;
         child<QPushButton>(&form, "btnInstall")->click();
         QTRY_COMPARE(m_fake.snapshotCalls.value.load(), 1);
