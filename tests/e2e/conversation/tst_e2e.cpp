@@ -17,6 +17,24 @@ bool processGone(qint64 pid)
            QFile(QString("/proc/%1/stat").arg(pid)).open(QFile::ReadOnly) == false;
 }
 
+// The helper services a front end started: "TandemoInstSvc.exe <front end pid> <engine pid>".
+// Only those, never a service of anybody else's on the machine.
+QList<pid_t> servicesOf(qint64 frontEnd)
+{
+    QList<pid_t> out;
+    const QStringList entries = QDir("/proc").entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString &entry : entries) {
+        QFile cmdline("/proc/" + entry + "/cmdline");
+        if (!cmdline.open(QFile::ReadOnly))
+            continue;
+        const QList<QByteArray> argv = cmdline.readAll().split('\0');
+        if (argv.size() >= 2 && argv[0].endsWith("TandemoInstSvc.exe") &&
+            argv[1] == QByteArray::number(frontEnd))
+            out << static_cast<pid_t>(entry.toInt());
+    }
+    return out;
+}
+
 } // namespace
 
 class tst_E2E : public QObject
@@ -78,12 +96,14 @@ void tst_E2E::cleanup()
         const qint64 fe = frontEndPid();
         m_engine->kill();
         m_engine->waitForFinished(5000);
-        if (fe > 0)
+        if (fe > 0) {
             ::kill(static_cast<pid_t>(fe), SIGKILL);
+            for (pid_t service : servicesOf(fe))
+                ::kill(service, SIGKILL);
+        }
         delete m_engine;
         m_engine = nullptr;
     }
-    QProcess::execute("pkill", {"-KILL", "-f", "TandemoInstSvc.exe"});
     QTest::qWait(200); // the instance lock goes with the process
 }
 
@@ -334,7 +354,9 @@ void tst_E2E::helperServiceRestarted()
     const QString arguments = QString("%1 %2").arg(fe).arg(m_engine->processId());
     QVERIFY(frontEndLog().contains(
         QString("CreateProcess(\"TandemoInstSvc.exe\", \"%1\") ok, pid=").arg(arguments)));
-    QProcess::execute("pkill", {"-KILL", "-f", "TandemoInstSvc.exe " + arguments});
+    const QList<pid_t> services = servicesOf(fe);
+    QCOMPARE(services.size(), 1);
+    ::kill(services.first(), SIGKILL);
     // A new one within the watchdog's second, with the same arguments.
     QTRY_COMPARE_WITH_TIMEOUT(
         frontEndLog().count(
