@@ -40,6 +40,10 @@ if [ -f "$stamp" ] && { [ -n "${CORVALEN_QT_WINDOWS:-}" ] || [ "$(cat "$stamp")"
     echo "$prefix"
     exit 0
 fi
+if [ -n "${CORVALEN_QT_WINDOWS:-}" ] && [ -e "$prefix" ] && [ -n "$(ls -A "$prefix")" ] && [ ! -f "$stamp" ]; then
+    echo "build-qt-windows: $prefix is not a finished build of this script; name an empty or new folder" >&2
+    exit 1
+fi
 
 SUDO=
 [ "$(id -u)" -eq 0 ] || SUDO=sudo
@@ -71,10 +75,11 @@ mkdir -p "$work"
 cd "$work"
 start=$(date +%s)
 echo "build-qt-windows: fetching the sources" >&2
-apt-get source -qq qtbase-opensource-src qtsvg-opensource-src >/dev/null 2>&1
+apt-get source -qq qtbase-opensource-src qtsvg-opensource-src >source.log 2>&1 ||
+    { tail -20 source.log >&2; echo "build-qt-windows: apt-get source failed" >&2; exit 1; }
 qtbase_src=$(find . -maxdepth 1 -type d -name 'qtbase-opensource-src-*' | head -1)
 qtsvg_src=$(find . -maxdepth 1 -type d -name 'qtsvg-opensource-src-*' | head -1)
-[ -n "$qtbase_src" ] && [ -n "$qtsvg_src" ] || { echo "build-qt-windows: apt-get source failed" >&2; exit 1; }
+[ -n "$qtbase_src" ] && [ -n "$qtsvg_src" ] || { echo "build-qt-windows: no source folders" >&2; exit 1; }
 
 echo "build-qt-windows: configuring qtbase into $prefix" >&2
 mkdir qtbase-build

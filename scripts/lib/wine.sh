@@ -48,7 +48,8 @@ REG
     DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
     "$WINESERVER" -w
     printf '%s\n' "$settings" >"$WINEPREFIX/corvalen.reg"
-    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1
+    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1 ||
+        { echo "wine.sh: regedit could not apply the prefix's settings" >&2; return 1; }
     "$WINESERVER" -w # the registry is written out when the server ends by itself
     touch "$stamp"
 }

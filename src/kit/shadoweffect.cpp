@@ -120,6 +120,9 @@ QImage ShadowEffect::smallFrame(const QSize &tileFrame, qreal dpr)
                        .toImage()
                        .convertToFormat(QImage::Format_ARGB32_Premultiplied);
     whole.setDevicePixelRatio(1); // copied pixel for pixel
+    const QRect frame = sourceBoundingRect(Qt::DeviceCoordinates).toAlignedRect();
+    if (whole.size() != frame.size() * dpr)
+        return QImage(); // clipped by the device: not the whole frame
     const QSize small = tileFrame * dpr;
     const QPoint cut(small.width() / 2, small.height() / 2);
     const QPoint shift(whole.width() - small.width(), whole.height() - small.height());
@@ -153,8 +156,13 @@ void ShadowEffect::draw(QPainter *painter)
     }
 
     if (m_tile.isNull() || m_tileFrame != tileFrame || !qFuzzyCompare(m_tileDpr, dpr)) {
+        const QImage small = smallFrame(tileFrame, dpr);
+        if (small.isNull()) {
+            QGraphicsDropShadowEffect::draw(painter);
+            return;
+        }
         auto *frameImage = new QLabel;
-        frameImage->setPixmap(QPixmap::fromImage(smallFrame(tileFrame, dpr)));
+        frameImage->setPixmap(QPixmap::fromImage(small));
         frameImage->resize(tileFrame);
         m_tile = renderWithQtEffect(frameImage, dpr);
         m_tileFrame = tileFrame;

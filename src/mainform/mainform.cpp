@@ -17,6 +17,7 @@
 #include <QFileDialog>
 #include <QtConcurrent/QtConcurrentMap>
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -244,6 +245,7 @@ void MainForm::on_btnClose_clicked()
             handleAppCheck(*held);
         return;
     }
+    m_bQuitting = true; // a check that ends from now on is dropped too
     if (m_pIPCForm)
         m_pIPCForm->sendCancel();
     quitLater(1000);
@@ -277,6 +279,10 @@ void MainForm::on_btnInstall_clicked()
         return Global::IsProcessExists(strName);
     };
     const QFuture<bool> check = QtConcurrent::mapped(QStringList{"Tandemo.exe"}, isRunning);
+    const QList<QFuture<bool>> earlier = m_checks.futures();
+    if (std::all_of(earlier.begin(), earlier.end(),
+                    [](const QFuture<bool> &f) { return f.isFinished(); }))
+        m_checks.clearFutures();
     m_checks.addFuture(check);
     m_pWatcher->setFuture(check);
 }
@@ -284,6 +290,8 @@ void MainForm::on_btnInstall_clicked()
 void MainForm::slCheckAppRunning(int resultIndex)
 {
     const bool bRunning = m_pWatcher->resultAt(resultIndex);
+    if (m_bQuitting)
+        return;
     if (m_bCloseAsked)
         m_heldCheck = bRunning;
     else

@@ -95,4 +95,5 @@ private:
     // A check's result that came while the close question was open waits for its answer.
     bool m_bCloseAsked = false;
     std::optional<bool> m_heldCheck;
+    bool m_bQuitting = false;
 };

@@ -34,6 +34,7 @@ public:
     std::vector<os::ProcessEntry> processes;
     SharedInt snapshotDelayMs; // a slow machine's snapshot (taken on pool threads)
     SharedInt snapshotCalls;
+    SharedInt snapshotsDone;
     std::vector<os::ProcessId> unopenable;     // terminateProcess answers false for these
     std::vector<os::ProcessId> terminated;     // in call order
     bool removeTerminated = true;              // a terminated process leaves the snapshot
@@ -73,6 +74,7 @@ public:
         const int delay = snapshotDelayMs.value;
         ++snapshotCalls.value;
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        ++snapshotsDone.value;
         if (!snapshotOk) {
             error = snapshotError;
             return false;

@@ -120,6 +120,7 @@ private:
 
     QTemporaryDir m_dir;
     QProcess *m_engine = nullptr;
+    bool m_native = false;
     QByteArray m_output;
     QString m_payload;
 };
@@ -146,6 +147,10 @@ void tst_E2EWine::cleanup()
         for (qint64 pid : winePids(exe))
             ::kill(static_cast<pid_t>(pid), SIGKILL);
     if (m_engine) {
+        // A native front end (the pages' yardstick) has a Linux pid in the log.
+        const qint64 nativeFrontEnd = m_native ? loggedNumber(log(), "started", "frontEndPid") : 0;
+        if (nativeFrontEnd > 0)
+            ::kill(static_cast<pid_t>(nativeFrontEnd), SIGKILL);
         m_engine->kill();
         m_engine->waitForFinished(5000);
         delete m_engine;
@@ -161,6 +166,7 @@ QProcess *tst_E2EWine::startEngine(const QStringList &args, bool windows)
     m_engine->setProcessChannelMode(QProcess::MergedChannels);
     connect(m_engine, &QProcess::readyRead, [this] { m_output += m_engine->readAll(); });
     const QString log = m_dir.path() + "/engine.jsonl";
+    m_native = !windows;
     if (windows)
         m_engine->start(kWine, QStringList{winePath(windowsBin() + "/corvalen-engine.exe"), "--log",
                                            winePath(log), "--payload", winePath(m_payload)} +
@@ -230,7 +236,7 @@ void tst_E2EWine::installByClicks()
     QCOMPARE(waitEngine(), 0);
     QVERIFY(sameTree(m_payload, target));
     const QStringList in = messages(log(), "in");
-    QVERIFY(in.first().startsWith("1224/"));
+    QVERIFY(in.value(0).startsWith("1224/"));
     QCOMPARE(in.mid(1), browse ? QStringList({"1125/0", "1125/1", "1126/0"})
                                : QStringList({"1125/1", "1126/0"}));
     // Installed where the proposal (IPC file or title) or the browse pointed, so the front end
@@ -259,10 +265,11 @@ void tst_E2EWine::versionQuestions()
     clickAt(box, button);
     if (proceeds) {
         QTRY_VERIFY_WITH_TIMEOUT(!visibleWindow(kMainFolded).isEmpty(), 10000);
-        QVERIFY(messages(log(), "in").first().startsWith("1224/"));
+        QVERIFY(messages(log(), "in").value(0).startsWith("1224/"));
     } else {
         QCOMPARE(waitEngine(10000), 1);
         QCOMPARE(messages(log(), "in"), QStringList("1127/0"));
+        QVERIFY(!log().isEmpty());
         QCOMPARE(log().last()["frontEndCode"].toInt(), 0);
     }
 }
@@ -278,8 +285,9 @@ void tst_E2EWine::engineKilled()
     m_engine->kill();
     m_engine->waitForFinished();
     clock.start();
-    // The watchdog's one-second tick, and the time Wine takes to end a process.
-    QTRY_VERIFY_WITH_TIMEOUT(isZombieOrGone(frontEnd.first()), 1300);
+    // The watchdog's one-second tick, and the time Wine takes to end a process; the bound is
+    // generous, the figure is printed.
+    QTRY_VERIFY_WITH_TIMEOUT(isZombieOrGone(frontEnd.first()), 3000);
     qInfo("front end gone %lld ms after the engine", clock.elapsed());
 }
 
@@ -290,9 +298,11 @@ void tst_E2EWine::helperServiceRestarted()
     const qint64 first = winePids("TandemoInstSvc.exe").first();
     ::kill(static_cast<pid_t>(first), SIGKILL);
     // Another one within the watchdog's second.
-    QTRY_VERIFY_WITH_TIMEOUT(winePids("TandemoInstSvc.exe").size() == 1 &&
-                                 winePids("TandemoInstSvc.exe").first() != first,
-                             3000);
+    const auto restarted = [&] {
+        const QList<qint64> now = winePids("TandemoInstSvc.exe");
+        return now.size() == 1 && now.first() != first;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(restarted(), 3000);
 }
 
 void tst_E2EWine::runningApplicationClosed()
@@ -346,7 +356,7 @@ void tst_E2EWine::capturePages(bool windows, QList<QImage> &pages)
     clickAt(window, kCheckBox);
     clickAt(window, kInstall);
     QTRY_VERIFY_WITH_TIMEOUT(postedProgressFrom(40), 30000);
-    window = visibleWindow(kMainFolded);
+    QTRY_VERIFY(!(window = visibleWindow(kMainFolded)).isEmpty());
     pages << grab(window);
     QTRY_VERIFY_WITH_TIMEOUT(posted("1124/100"), 30000);
     QTest::qWait(1600);
