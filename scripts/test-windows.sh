@@ -2,7 +2,7 @@
 # The Windows tier: builds the Windows programs (scripts/build-windows.sh, Qt for Windows from
 # its cache), then runs under wine64, each in a throwaway prefix inside build-windows/:
 #  - the os tests, with Wine's null driver at 144 DPI (no display needed);
-#  - the end-to-end tier (tests/e2e/wine, a native test driving the .exe files), with Wine's
+#  - the end-to-end tier (tests/e2e, the native test driving the .exe files), with Wine's
 #    X11 driver on a private Xvfb. Its page pictures land in build-windows/pages/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -10,7 +10,7 @@ root=$(pwd)
 
 scripts/build-windows.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target tst_e2e_wine CorvalenSetup corvalen-engine TandemoInstSvc
+cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc
 
 # shellcheck source=lib/wine.sh
 source scripts/lib/wine.sh
