@@ -2,6 +2,7 @@
 // recorded. Install it with FakePlatformScope so the real platform comes back afterwards.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -37,21 +38,13 @@ public:
     SharedInt snapshotsDone;
     std::vector<os::ProcessId> unopenable;     // terminateProcess answers false for these
     std::vector<os::ProcessId> terminated;     // in call order
-    bool removeTerminated = true;              // a terminated process leaves the snapshot
     os::ProcessHandle nextProcessHandle = 100; // 0 makes startProcess fail
     os::ProcessId nextProcessId = 4000;
     std::vector<std::string> started; // command lines, in call order
     std::vector<os::ProcessHandle> endedProcesses;
-    std::vector<os::ProcessHandle> waitedProcesses;
     os::ProcessId ownId = 812;
 
-    // Mutex
-    os::MutexResult mutexResult = os::MutexResult::Created;
-    std::vector<std::string> mutexNames;
-
-    // Environment and debugger
     std::map<std::string, std::string> environment;
-    std::vector<std::string> debugLines;
 
     // DPI
     std::optional<long> awarenessResult = std::nullopt; // nullopt: Shcore missing
@@ -84,18 +77,13 @@ public:
     }
     bool terminateProcess(os::ProcessId id) override
     {
-        for (os::ProcessId u : unopenable)
-            if (u == id)
-                return false;
+        if (std::count(unopenable.begin(), unopenable.end(), id))
+            return false;
         terminated.push_back(id);
-        if (removeTerminated) {
-            for (auto it = processes.begin(); it != processes.end(); ++it) {
-                if (it->id == id) {
-                    processes.erase(it);
-                    break;
-                }
-            }
-        }
+        const auto it = std::find_if(processes.begin(), processes.end(),
+                                     [id](const os::ProcessEntry &e) { return e.id == id; });
+        if (it != processes.end()) // gone from the next snapshot
+            processes.erase(it);
         return true;
     }
     os::ProcessHandle startProcess(const std::string &commandLine, os::ProcessId &newId) override
@@ -108,24 +96,19 @@ public:
     }
     bool hasProcessEnded(os::ProcessHandle process) override
     {
-        waitedProcesses.push_back(process);
-        for (os::ProcessHandle h : endedProcesses)
-            if (h == process)
-                return true;
-        return false;
+        return std::count(endedProcesses.begin(), endedProcesses.end(), process) > 0;
     }
     os::ProcessId currentProcessId() override { return ownId; }
-    os::MutexResult createNamedMutex(const std::string &name) override
+    os::MutexResult createNamedMutex(const std::string &) override
     {
-        mutexNames.push_back(name);
-        return mutexResult;
+        return os::MutexResult::Created;
     }
     std::string environmentVariable(const std::string &name) override
     {
         auto it = environment.find(name);
         return it == environment.end() ? std::string() : it->second;
     }
-    void debugOutput(const std::string &text) override { debugLines.push_back(text); }
+    void debugOutput(const std::string &) override {}
     std::optional<long> setProcessDpiAwareness(int value) override
     {
         if (!awarenessResult)

@@ -7,33 +7,27 @@
 class LogCapture
 {
 public:
-    LogCapture()
-    {
-        instance() = this;
-        m_previous = qInstallMessageHandler(&LogCapture::handler);
-    }
+    LogCapture() : m_previous(qInstallMessageHandler(&LogCapture::handler)) { current() = this; }
     ~LogCapture()
     {
         qInstallMessageHandler(m_previous);
-        instance() = nullptr;
+        current() = nullptr;
     }
-    LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
+    Q_DISABLE_COPY_MOVE(LogCapture)
 
     QStringList lines;
-
     bool contains(const QString &line) const { return lines.contains(line); }
 
 private:
-    static LogCapture *&instance()
+    static LogCapture *&current()
     {
         static LogCapture *capture = nullptr;
         return capture;
     }
     static void handler(QtMsgType, const QMessageLogContext &, const QString &message)
     {
-        if (instance())
-            instance()->lines << message;
+        if (current())
+            current()->lines << message;
     }
-    QtMessageHandler m_previous = nullptr;
+    QtMessageHandler m_previous;
 };
