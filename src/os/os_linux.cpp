@@ -327,13 +327,11 @@ public:
 
     std::string environmentVariable(const std::string &name) override
     {
+        // Like GetEnvironmentVariableA: a value that does not fit the buffer is not copied.
         const char *value = std::getenv(name.c_str());
-        if (!value)
+        if (!value || std::strlen(value) > kTextLimit)
             return std::string();
-        std::string text(value);
-        if (text.size() > kTextLimit)
-            text.resize(kTextLimit);
-        return text;
+        return value;
     }
 
     void debugOutput(const std::string &text) override
