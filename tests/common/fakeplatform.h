@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/global.h"
 #include "os/os.h"
 
 // An int that pool threads read while the test writes it; copied like a plain value so that
@@ -159,3 +160,12 @@ public:
     FakePlatformScope(const FakePlatformScope &) = delete;
     FakePlatformScope &operator=(const FakePlatformScope &) = delete;
 };
+
+// A fresh fake in place, and the launch parameters of a run started by an engine.
+inline void engineRun(FakePlatform &fake)
+{
+    fake = FakePlatform();
+    os::setPlatform(&fake);
+    Global::SetSelfTest(false);
+    Global::SetIPCWnd(0x600001);
+}

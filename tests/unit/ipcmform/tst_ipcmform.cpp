@@ -52,10 +52,7 @@ class tst_IPCmForm : public QObject
 private slots:
     void init()
     {
-        m_fake = FakePlatform();
-        os::setPlatform(&m_fake);
-        Global::SetSelfTest(false);
-        Global::SetIPCWnd(0x600001);
+        engineRun(m_fake);
         Global::SetUnicodeNsis(false);
         Global::SetIPCFilePath(QString());
     }

@@ -76,10 +76,7 @@ class tst_MainForm : public QObject
 private slots:
     void init()
     {
-        m_fake = FakePlatform();
-        os::setPlatform(&m_fake);
-        Global::SetSelfTest(false);
-        Global::SetIPCWnd(0x600001);
+        engineRun(m_fake);
         m_ipc = new IPCmForm;
     }
     void cleanup()

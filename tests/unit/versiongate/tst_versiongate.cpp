@@ -54,10 +54,7 @@ class tst_VersionGate : public QObject
 private slots:
     void init()
     {
-        m_fake = FakePlatform();
-        os::setPlatform(&m_fake);
-        Global::SetSelfTest(false);
-        Global::SetIPCWnd(0x600001);
+        engineRun(m_fake);
         Global::SetWithoutAgreement(false);
         Global::SetInstallerProcId(640);
         Global::SetVersionNew("3.0.0.5");
