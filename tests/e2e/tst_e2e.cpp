@@ -332,10 +332,20 @@ private slots:
                      QList<QByteArray>({QByteArray::number(ours(kFrontEnd).value(0)),
                                         QByteArray::number(m_engine->processId())}));
         ::kill(pid_t(first), SIGKILL);
-        // Another one within the watchdog's second.
-        QTRY_VERIFY_WITH_TIMEOUT(ours("TandemoInstSvc.exe").size() == 1 &&
-                                     ours("TandemoInstSvc.exe").first() != first,
-                                 3000);
+        // Another one at the watchdog's next tick; a process takes its time to start under
+        // Wine, so the bound is generous and the figure printed.
+        QElapsedTimer clock;
+        clock.start();
+        const auto services = [] {
+            QStringList pids;
+            for (qint64 pid : ours("TandemoInstSvc.exe"))
+                pids << QString::number(pid);
+            return pids.join(' ');
+        };
+        QTRY_VERIFY2_WITH_TIMEOUT(!services().isEmpty() && !services().contains(' ') &&
+                                      services() != QString::number(first),
+                                  qPrintable("services now: " + services()), 10000);
+        qInfo("service running again %lld ms after it was killed", clock.elapsed());
     }
 
     void selfTestWithTheSuiteRunning()
