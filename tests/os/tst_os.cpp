@@ -156,13 +156,13 @@ TEST(Processes, StartLooksInOwnDirectoryThenCurrentDirectoryThenPath)
     // Sleepers as decoys where the search must not look first; the right program, a peer,
     // answers through its file.
     TempDir cwd, onPath;
-    const auto copy = [](const char *from, const fs::path &to) {
-        fs::copy_file(kBin / (from + kExe), to.string() + kExe);
+    const auto copy = [](const std::string &from, const fs::path &to) {
+        fs::copy_file(kBin / from, to.string() + kExe);
     };
-    copy("os_sleeper", cwd.path / "os_peer");
-    copy("os_peer", cwd.path / "in_cwd");
-    copy("os_sleeper", onPath.path / "in_cwd");
-    copy("os_peer", onPath.path / "on_path");
+    copy("Tandemo.exe", cwd.path / "os_peer");
+    copy("os_peer" + kExe, cwd.path / "in_cwd");
+    copy("Tandemo.exe", onPath.path / "in_cwd");
+    copy("os_peer" + kExe, onPath.path / "on_path");
     const std::string oldPath = std::getenv("PATH") ? std::getenv("PATH") : "";
     setEnv("PATH", (onPath.path.string() + (kWindows ? ";" : ":") + oldPath).c_str());
     const fs::path before = fs::current_path();
@@ -256,7 +256,7 @@ TEST(Processes, StartedProcessInheritsNoDescriptor)
 {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0); // inheritable, as a starting shell's pipe would be
-    Process sleeper("os_sleeper 30");
+    Process sleeper("Tandemo.exe 30");
     close(fds[1]);
     // With no copy of the write end left in the child, the reader sees end-of-file at once.
     pollfd reader{fds[0], POLLIN, 0};
