@@ -12,8 +12,8 @@ packages=(
     xvfb xauth xdotool fonts-wqy-microhei procps
     # the demo's pictures: a compositor and a light desktop, so the shadow shows as it does
     xcompmgr hsetroot
-    # Windows tier: cross compiler and Wine
-    g++-mingw-w64-x86-64-posix wine64
+    # Windows tier: cross compiler, Wine, the installer engine
+    g++-mingw-w64-x86-64-posix wine64 nsis
     # fuzzing, sanitizers, static analysis
     clang libclang-rt-14-dev clang-tidy
 )

@@ -1,0 +1,311 @@
+// corvalen.dll: the engine's side of the conversation with CorvalenSetup.exe, offered to an
+// NSIS script (Unicode, amd64). The script's flow:
+//
+//   corvalen::Start FRONTEND IPCFILE FOLDER REQUIRED_MB NEW_VERSION OLD_VERSION DISABLE_CHOOSE_PATH
+//                   WITHOUT_AGREEMENT                     -> "ok" | "error"
+//   corvalen::WaitForChoice                               -> the folder to install into | ""
+//   corvalen::Progress PERCENT   (after each section)     -> "ok" | "cancel"
+//   corvalen::Finish                                      -> "start" | "closed"
+//
+// Start writes the proposed FOLDER into IPCFILE (UTF-16LE), starts the front end with the eight
+// arguments and returns. WaitForChoice answers the front end until the user starts the
+// installation ("" when the user cancelled, the version gate refused or the front end ended).
+// Progress posts a percentage below 100; Finish posts 100 and waits until the user presses
+// "start using" or the front end ends. Calls that post the front end's window go through
+// src/os, as the front end's own do.
+#include "nsisapi.h"
+
+#include "ipc/ipcmessages.h"
+#include "os/os.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+namespace {
+
+HMODULE g_module = nullptr;
+HWND g_window = nullptr;
+os::ProcessHandle g_frontEnd = 0;
+os::WindowHandle g_frontWindow = 0;
+std::wstring g_proposal;
+std::int64_t g_requiredMB = 0;
+std::wstring g_chosen;
+bool g_cancelled = false;
+bool g_startRequested = false;
+
+UINT_PTR pluginCallback(nsis::PluginMessage message)
+{
+    if (message == nsis::PluginMessage::Unload && g_window) {
+        DestroyWindow(g_window);
+        g_window = nullptr;
+    }
+    return 0;
+}
+
+void keepLoaded(nsis::ExtraParameters *extra)
+{
+    if (extra && extra->registerPluginCallback)
+        extra->registerPluginCallback(g_module, pluginCallback);
+}
+
+std::string narrow(const std::wstring &text, UINT codePage, bool *lossy = nullptr)
+{
+    BOOL usedDefault = FALSE;
+    const bool acp = codePage == CP_ACP;
+    const int n =
+        WideCharToMultiByte(codePage, acp ? WC_NO_BEST_FIT_CHARS : 0, text.c_str(),
+                            int(text.size()), nullptr, 0, nullptr, acp ? &usedDefault : nullptr);
+    std::string out(std::size_t(std::max(n, 0)), '\0');
+    WideCharToMultiByte(codePage, acp ? WC_NO_BEST_FIT_CHARS : 0, text.c_str(), int(text.size()),
+                        out.data(), n, nullptr, acp ? &usedDefault : nullptr);
+    if (lossy)
+        *lossy = usedDefault;
+    return out;
+}
+
+// The front end's entry point takes its arguments in the ANSI code page: a path that does not
+// survive the conversion is handed over in its short (8.3) form.
+std::string ansiPath(const std::wstring &path)
+{
+    bool lossy = false;
+    std::string out = narrow(path, CP_ACP, &lossy);
+    if (lossy) {
+        wchar_t shortPath[MAX_PATH];
+        const DWORD n = GetShortPathNameW(path.c_str(), shortPath, MAX_PATH);
+        if (n > 0 && n < MAX_PATH)
+            out = narrow(shortPath, CP_ACP);
+    }
+    return out;
+}
+
+// One argument as the C runtime's command-line parser reads it back.
+std::string quoted(const std::string &argument)
+{
+    if (!argument.empty() && argument.find_first_of(" \t\"") == std::string::npos)
+        return argument;
+    std::string out = "\"";
+    std::size_t backslashes = 0;
+    for (const char c : argument) {
+        if (c == '\\') {
+            ++backslashes;
+            continue;
+        }
+        out.append(c == '"' ? 2 * backslashes + 1 : backslashes, '\\');
+        backslashes = 0;
+        out += c;
+    }
+    out.append(2 * backslashes, '\\');
+    return out + "\"";
+}
+
+bool isDirectory(const std::wstring &path)
+{
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+std::wstring parentOf(std::wstring path)
+{
+    while (!path.empty() && (path.back() == L'\\' || path.back() == L'/'))
+        path.pop_back();
+    const std::size_t cut = path.find_last_of(L"\\/");
+    return cut == std::wstring::npos ? std::wstring() : path.substr(0, cut);
+}
+
+std::wstring nearestExistingAncestor(std::wstring path)
+{
+    while (!path.empty() && !isDirectory(path))
+        path = parentOf(path);
+    return path;
+}
+
+// Writable when a file can be made where the folder is, or would be created.
+bool writable(const std::wstring &folder)
+{
+    const std::wstring base = nearestExistingAncestor(folder);
+    if (base.empty())
+        return false;
+    const std::wstring probe =
+        base + L"\\corvalen-probe-" + std::to_wstring(GetCurrentProcessId()) + L".tmp";
+    const HANDLE file = CreateFileW(probe.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                    FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    CloseHandle(file);
+    return true;
+}
+
+std::int64_t freeMB(const std::wstring &folder)
+{
+    ULARGE_INTEGER available;
+    const std::wstring base = nearestExistingAncestor(folder);
+    if (base.empty() || !GetDiskFreeSpaceExW((base + L"\\").c_str(), &available, nullptr, nullptr))
+        return 0;
+    return std::int64_t(std::min<ULONGLONG>(available.QuadPart / (1024 * 1024), 0x7fffffff));
+}
+
+void post(std::uint32_t message, std::uint64_t wParam, std::int64_t lParam)
+{
+    os::platform().postMessage(g_frontWindow, message, wParam, lParam);
+}
+
+// The front end appends "\Tandemo" to the folder the user picks: a missing parent means the
+// pick itself is gone.
+void reportFolder(const std::wstring &folder, std::uint64_t resolve)
+{
+    post(WM_PATH_INFO, resolve, writable(folder) ? 1 : 0);
+    post(WM_DISK_SPACE, std::uint64_t(g_requiredMB),
+         isDirectory(parentOf(folder)) ? freeMB(folder) : -1);
+}
+
+// The front end's message window title, read as Unicode: no ANSI loss on the way back.
+std::wstring frontEndTitle()
+{
+    wchar_t buffer[4096] = {};
+    GetWindowTextW(reinterpret_cast<HWND>(g_frontWindow), buffer, 4096);
+    return buffer;
+}
+
+void handle(const MSG &msg)
+{
+    switch (msg.message) {
+    case WM_IPC_HWND:
+        g_frontWindow = os::WindowHandle(msg.wParam);
+        reportFolder(g_proposal, 1);
+        break;
+    case WM_INSTALL_PATH:
+        if (msg.wParam == 0)
+            reportFolder(frontEndTitle(), 0);
+        else
+            g_chosen = frontEndTitle();
+        break;
+    case WM_COMPLETE_INSTALL:
+        g_startRequested = true;
+        break;
+    case WM_CANCEL_INSTALL:
+        g_cancelled = true;
+        break;
+    default:
+        break;
+    }
+}
+
+bool frontEndEnded()
+{
+    return !g_frontEnd || os::platform().hasProcessEnded(g_frontEnd);
+}
+
+// Handles what arrived, and waits for more until `done` or the front end has ended.
+template <typename Done> void pump(Done done, bool wait)
+{
+    for (;;) {
+        MSG msg;
+        while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
+            if (msg.hwnd == g_window && msg.message >= WM_USER)
+                handle(msg);
+            else
+                DispatchMessageW(&msg);
+        }
+        if (done() || !wait || frontEndEnded())
+            return;
+        HANDLE process = reinterpret_cast<HANDLE>(g_frontEnd);
+        MsgWaitForMultipleObjects(1, &process, FALSE, 200, QS_ALLINPUT);
+    }
+}
+
+bool writeIpcFile(const std::wstring &path, const std::wstring &folder)
+{
+    const HANDLE file =
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    // UTF-16LE code units, no byte-order mark, no terminator.
+    DWORD written = 0;
+    const DWORD bytes = DWORD(folder.size() * sizeof(wchar_t));
+    const bool ok = WriteFile(file, folder.data(), bytes, &written, nullptr) && written == bytes;
+    CloseHandle(file);
+    return ok;
+}
+
+bool createWindow()
+{
+    if (g_window)
+        return true;
+    WNDCLASSW windowClass = {};
+    windowClass.lpfnWndProc = DefWindowProcW;
+    windowClass.hInstance = g_module;
+    windowClass.lpszClassName = L"CorvalenInstallerEngine";
+    RegisterClassW(&windowClass);
+    // A hidden top-level window: the front end hides it again every 100 ms and may read its
+    // title, so it cannot be message-only.
+    g_window = CreateWindowExW(WS_EX_TOOLWINDOW, windowClass.lpszClassName, L"", WS_POPUP, 0, 0, 0,
+                               0, nullptr, nullptr, g_module, nullptr);
+    return g_window != nullptr;
+}
+
+} // namespace
+
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
+{
+    if (reason == DLL_PROCESS_ATTACH)
+        g_module = instance;
+    return TRUE;
+}
+
+NSIS_PLUGIN_FUNCTION(Start)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    const std::wstring frontEnd = stack.pop(), ipcFile = stack.pop();
+    g_proposal = stack.pop();
+    g_requiredMB = std::max(0LL, _wtoi64(stack.pop().c_str()));
+    const std::wstring versionNew = stack.pop(), versionOld = stack.pop();
+    const bool disableChoosePath = stack.pop() == L"1", withoutAgreement = stack.pop() == L"1";
+    g_frontWindow = 0;
+    g_chosen.clear();
+    g_cancelled = g_startRequested = false;
+    if (!createWindow() || !writeIpcFile(ipcFile, g_proposal)) {
+        stack.push(L"error");
+        return;
+    }
+    os::Platform &platform = os::platform();
+    const std::string commandLine =
+        quoted(ansiPath(frontEnd)) + " " +
+        std::to_string(reinterpret_cast<std::uintptr_t>(g_window)) + " " +
+        (disableChoosePath ? "1" : "0") + " " + (withoutAgreement ? "1" : "0") + " " +
+        quoted(narrow(versionNew, CP_ACP)) + " " + quoted(narrow(versionOld, CP_ACP)) + " " +
+        std::to_string(platform.currentProcessId()) + " " + quoted(ansiPath(ipcFile)) + " 1";
+    os::ProcessId id = 0;
+    g_frontEnd = platform.startProcess(commandLine, id);
+    stack.push(g_frontEnd ? L"ok" : L"error");
+}
+
+NSIS_PLUGIN_FUNCTION(WaitForChoice)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    pump([] { return !g_chosen.empty() || g_cancelled; }, true);
+    stack.push(g_cancelled ? std::wstring() : g_chosen);
+}
+
+NSIS_PLUGIN_FUNCTION(Progress)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    // 100 belongs to Finish: the front end shows its completion page after it.
+    const int percent = std::clamp(_wtoi(stack.pop().c_str()), 0, 99);
+    pump([] { return true; }, false);
+    if (!g_cancelled && !frontEndEnded())
+        post(WM_MYPROGRESS, std::uint64_t(percent), 0);
+    stack.push(g_cancelled || frontEndEnded() ? L"cancel" : L"ok");
+}
+
+NSIS_PLUGIN_FUNCTION(Finish)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    post(WM_MYPROGRESS, 100, 0);
+    pump([] { return g_startRequested || g_cancelled; }, true);
+    stack.push(g_startRequested ? L"start" : L"closed");
+}
