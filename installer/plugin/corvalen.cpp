@@ -151,12 +151,12 @@ void post(std::uint32_t message, std::uint64_t wParam, std::int64_t lParam)
 }
 
 // The front end appends "\Tandemo" to the folder the user picks: a missing parent means the
-// pick itself is gone.
+// pick itself is gone. The proposal is the script's own and is made when installing.
 void reportFolder(const std::wstring &folder, std::uint64_t resolve)
 {
+    const bool missing = !resolve && !isDirectory(parentOf(folder));
     post(WM_PATH_INFO, resolve, writable(folder) ? 1 : 0);
-    post(WM_DISK_SPACE, std::uint64_t(g_requiredMB),
-         isDirectory(parentOf(folder)) ? freeMB(folder) : -1);
+    post(WM_DISK_SPACE, std::uint64_t(g_requiredMB), missing ? -1 : freeMB(folder));
 }
 
 // The front end's message window title, read as Unicode: no ANSI loss on the way back.
