@@ -14,14 +14,14 @@ bin="$root/build-windows/bin"
 
 # The application's other files: made once, the same bytes every time.
 payload="$root/build-windows/installer-payload"
-if [ ! -f "$payload/.complete" ]; then
+if [ ! -f "$payload.complete" ]; then
     rm -rf "$payload"
     mkdir -p "$payload/images" "$payload/lang"
     for f in images/splash.bin images/icons.bin lang/zh_CN.dat core.dat; do
         awk -v seed="${#f}" 'BEGIN { for (i = 0; i < 90000; i++) printf "%08d %s\n", (i * 7919 + seed) % 99991, seed }' \
             >"$payload/$f"
     done
-    touch "$payload/.complete"
+    touch "$payload.complete"
 fi
 
 out="$root/build-windows/CorvalenInstaller.exe"

@@ -1,16 +1,17 @@
 #!/usr/bin/env bash
-# The Windows tier: builds the Windows programs (scripts/build-windows.sh, Qt for Windows from
-# its cache), then runs under wine64, each in a throwaway prefix inside build-windows/:
+# The Windows tier: builds the Windows programs and the installer (scripts/build-installer.sh,
+# Qt for Windows from its cache), then runs under wine64, each in a throwaway prefix inside
+# build-windows/:
 #  - the os tests, with Wine's null driver at 144 DPI (no display needed);
-#  - the end-to-end tier (tests/e2e, the native test driving the .exe files), with Wine's
-#    X11 driver on a private Xvfb. Its page pictures land in build-windows/pages/.
+#  - the end-to-end tiers (tests/e2e, the native test driving the .exe files, then the
+#    installer), with Wine's X11 driver on a private Xvfb. Pictures land in build-windows/pages/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-scripts/build-windows.sh
+scripts/build-installer.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc
+cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc Tandemo
 
 # shellcheck source=lib/wine.sh
 source scripts/lib/wine.sh
