@@ -145,9 +145,11 @@ std::int64_t freeMB(const std::wstring &folder)
     return std::int64_t(std::min<ULONGLONG>(available.QuadPart / (1024 * 1024), 0x7fffffff));
 }
 
+// Nothing before the front end named its window: a null window would post to this thread.
 void post(std::uint32_t message, std::uint64_t wParam, std::int64_t lParam)
 {
-    os::platform().postMessage(g_frontWindow, message, wParam, lParam);
+    if (g_frontWindow)
+        os::platform().postMessage(g_frontWindow, message, wParam, lParam);
 }
 
 // The front end appends "\Tandemo" to the folder the user picks: a missing parent means the
