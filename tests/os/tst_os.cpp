@@ -265,28 +265,6 @@ TEST(Processes, StartedProcessInheritsNoDescriptor)
     EXPECT_NE(sleeper.handle, 0);
 }
 
-// Full-width decoding is seen end to end through the peer; here what must not pass.
-TEST(Decode, AcceptsOnlyOurClientMessages)
-{
-    const std::uint32_t ours = 321, size = sizeof(xcb_client_message_event_t);
-    // Response type, format, atom in the record, record size, atom decoded for; ours first.
-    const std::uint32_t cases[][5] = {
-        {XCB_CLIENT_MESSAGE, 32, ours, size, ours},
-        {XCB_CLIENT_MESSAGE | 0x80, 32, ours, size, ours}, // came through SendEvent
-        {XCB_CLIENT_MESSAGE, 32, ours + 1, size, ours},
-        {XCB_CLIENT_MESSAGE, 8, ours, size, ours},
-        {XCB_CLIENT_MESSAGE, 16, ours, size, ours},
-        {XCB_PROPERTY_NOTIFY, 32, ours, size, ours},
-        {XCB_CLIENT_MESSAGE, 32, ours, size - 1, ours},
-        {XCB_CLIENT_MESSAGE, 32, XCB_ATOM_NONE, size, XCB_ATOM_NONE}};
-    for (const auto &c : cases) {
-        const xcb_client_message_event_t e{std::uint8_t(c[0]), std::uint8_t(c[1]), 0, 1, c[2], {}};
-        const auto m = os::decodeClientMessage(&e, c[3], c[4]);
-        EXPECT_EQ(m && m->privateCarrier, &c < &cases[2]) << c[0] << " " << c[1] << " " << c[3];
-    }
-    EXPECT_FALSE(os::decodeClientMessage(nullptr, size, ours));
-}
-
 TEST(Dpi, SystemDpiFromTheResourceDatabase)
 {
     xcb_connection_t *c = xcb_connect(nullptr, nullptr);
