@@ -1,0 +1,167 @@
+// What the unit tests share: a scriptable os::Platform that records every call, the Qt debug
+// stream, named children, modal answers, a bounded event loop, event hooks, pixel differences.
+#pragma once
+
+#include <QApplication>
+#include <QLabel>
+#include <QPushButton>
+#include <QtTest>
+#include <functional>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "app/global.h"
+#include "os/os.h"
+
+using Ids = std::vector<os::ProcessId>;
+
+// In place for its lifetime.
+class FakePlatform : public os::Platform
+{
+public:
+    FakePlatform() { os::setPlatform(this); }
+    ~FakePlatform() override { os::setPlatform(nullptr); }
+    static constexpr std::uint32_t atom = 0x1234; // of the X11 records carrying posted messages
+    bool snapshotOk = true, postOk = true;
+    std::vector<os::ProcessEntry> processes;
+    std::atomic<int> snapshotDelayMs{0}, snapshotCalls{0}, snapshotsDone{0}; // pool threads
+    std::set<os::ProcessId> unopenable;
+    Ids terminated;
+    os::ProcessHandle nextProcessHandle = 100; // 0 makes startProcess fail
+    os::ProcessId nextProcessId = 4000;
+    std::vector<std::string> started;
+    std::set<os::ProcessHandle> ended;
+    std::map<std::string, std::string> environment;
+    std::vector<int> awarenessCalls;
+    std::vector<os::MonitorInfo> monitors;
+    std::map<os::MonitorHandle, std::uint32_t> monitorDpi; // empty: no per-monitor call
+    std::optional<int> systemDpiValue = 96;
+    std::vector<os::NativeMessage> posted;
+    std::vector<os::WindowHandle> hidden;
+    std::map<os::WindowHandle, std::string> titles;
+
+    bool snapshotProcesses(std::vector<os::ProcessEntry> &out, std::uint32_t &error) override
+    {
+        ++snapshotCalls;
+        std::this_thread::sleep_for(std::chrono::milliseconds(snapshotDelayMs));
+        ++snapshotsDone;
+        out = processes, error = 4294967295u;
+        return snapshotOk;
+    }
+    bool terminateProcess(os::ProcessId id) override
+    {
+        if (unopenable.count(id))
+            return false;
+        terminated.push_back(id);
+        return true;
+    }
+    os::ProcessHandle startProcess(const std::string &commandLine, os::ProcessId &newId) override
+    {
+        started.push_back(commandLine);
+        newId = nextProcessId++;
+        return nextProcessHandle ? nextProcessHandle++ : 0;
+    }
+    bool hasProcessEnded(os::ProcessHandle process) override { return ended.count(process); }
+    os::ProcessId currentProcessId() override { return 812; }
+    os::MutexResult createNamedMutex(const std::string &) override { return {}; }
+    std::string environmentVariable(const std::string &name) override { return environment[name]; }
+    void debugOutput(const std::string &) override {}
+    std::optional<long> setProcessDpiAwareness(int value) override
+    {
+        awarenessCalls.push_back(value);
+        return 0;
+    }
+    std::vector<os::MonitorInfo> enumerateMonitors() override { return monitors; }
+    std::optional<std::uint32_t> dpiForMonitor(os::MonitorHandle monitor) override
+    {
+        return monitorDpi.empty() ? std::nullopt : std::optional(monitorDpi[monitor]);
+    }
+    std::optional<int> systemDpi() override { return systemDpiValue; }
+    bool postMessage(os::WindowHandle window, std::uint32_t message, std::uint64_t wParam,
+                     std::int64_t lParam) override
+    {
+        if (window && postOk)
+            posted.push_back({window, message, wParam, lParam});
+        return window && postOk;
+    }
+    void hideWindow(os::WindowHandle window) override { hidden.push_back(window); }
+    std::string windowText(os::WindowHandle window) override { return titles[window]; }
+    std::optional<os::NativeMessage> decodeNativeMessage(const void *record,
+                                                         std::size_t size) override
+    {
+        return os::decodeClientMessage(record, size, atom);
+    }
+    QList<uint> sent() const
+    {
+        QList<uint> out;
+        for (const os::NativeMessage &m : posted)
+            out << m.message;
+        return out;
+    }
+};
+
+// Collects the Qt debug stream for its lifetime.
+struct LogCapture
+{
+    static inline LogCapture *current = nullptr;
+    QStringList lines;
+    QtMessageHandler previous = qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext &, const QString &line) { current->lines << line; });
+    LogCapture() { current = this; }
+    ~LogCapture() { qInstallMessageHandler(previous); }
+};
+
+// Sees every event of `watched` before it is handled.
+struct EventHook : QObject
+{
+    std::function<void(QEvent *)> fn;
+    EventHook(QObject *watched, std::function<void(QEvent *)> f) : fn(f)
+    {
+        watched->installEventFilter(this);
+    }
+    bool eventFilter(QObject *, QEvent *e) override { return fn(e), false; }
+};
+
+template <typename T = QWidget> T *child(const QObject *parent, const char *name)
+{
+    T *c = parent->findChild<T *>(name);
+    return c ? c : (qFatal("no child %s", name), nullptr);
+}
+
+// Clicks `button` of the next modal box once it is up, or presses Escape when it is empty;
+// keeps its question. Waits no longer than `context` lives.
+inline void answerNextBox(QObject *context, const QString &button, QString *asked = nullptr)
+{
+    auto *poll = new QTimer(context);
+    QObject::connect(poll, &QTimer::timeout, [=] {
+        QWidget *box = QApplication::activeModalWidget();
+        if (!box)
+            return;
+        poll->deleteLater();
+        poll->stop();
+        if (asked)
+            *asked = child<QLabel>(box, "lblLine1")->text();
+        if (button.isEmpty())
+            QTest::keyClick(box->focusWidget() ? box->focusWidget() : box, Qt::Key_Escape);
+        else
+            child<QPushButton>(box, qPrintable(button))->click();
+    });
+    poll->start(20);
+}
+
+// Runs the event loop until the code under test ends it; 3 when it never does.
+inline int execBounded(int ms = 10000)
+{
+    QTimer fallback;
+    QObject::connect(&fallback, &QTimer::timeout, [] { QCoreApplication::exit(3); });
+    fallback.start(ms);
+    return QCoreApplication::exec();
+}
+
+// The largest difference of any channel of two pixels.
+inline int channelDifference(QRgb p, QRgb q)
+{
+    return std::max({qAbs(qAlpha(p) - qAlpha(q)), qAbs(qRed(p) - qRed(q)),
+                     qAbs(qGreen(p) - qGreen(q)), qAbs(qBlue(p) - qBlue(q))});
+}
