@@ -2,14 +2,10 @@
 // stream, named children, modal answers, a bounded event loop, event hooks, pixel differences.
 #pragma once
 
-#include <QApplication>
-#include <QLabel>
-#include <QPushButton>
 #include <QtTest>
-#include <functional>
+#include <QtWidgets>
 #include <map>
 #include <set>
-#include <thread>
 
 #include "app/global.h"
 #include "os/os.h"
@@ -44,17 +40,14 @@ public:
     bool snapshotProcesses(std::vector<os::ProcessEntry> &out, std::uint32_t &error) override
     {
         ++snapshotCalls;
-        std::this_thread::sleep_for(std::chrono::milliseconds(snapshotDelayMs));
+        QThread::msleep(snapshotDelayMs);
         ++snapshotsDone;
         out = processes, error = 4294967295u;
         return snapshotOk;
     }
     bool terminateProcess(os::ProcessId id) override
     {
-        if (unopenable.count(id))
-            return false;
-        terminated.push_back(id);
-        return true;
+        return !unopenable.count(id) && (terminated.push_back(id), true);
     }
     os::ProcessHandle startProcess(const std::string &commandLine, os::ProcessId &newId) override
     {
@@ -69,8 +62,7 @@ public:
     void debugOutput(const std::string &) override {}
     std::optional<long> setProcessDpiAwareness(int value) override
     {
-        awarenessCalls.push_back(value);
-        return 0;
+        return awarenessCalls.push_back(value), 0;
     }
     std::vector<os::MonitorInfo> enumerateMonitors() override { return monitors; }
     std::optional<std::uint32_t> dpiForMonitor(os::MonitorHandle monitor) override
@@ -81,9 +73,7 @@ public:
     bool postMessage(os::WindowHandle window, std::uint32_t message, std::uint64_t wParam,
                      std::int64_t lParam) override
     {
-        if (window && postOk)
-            posted.push_back({window, message, wParam, lParam});
-        return window && postOk;
+        return window && postOk && (posted.push_back({window, message, wParam, lParam}), true);
     }
     void hideWindow(os::WindowHandle window) override { hidden.push_back(window); }
     std::string windowText(os::WindowHandle window) override { return titles[window]; }
@@ -116,10 +106,7 @@ struct LogCapture
 struct EventHook : QObject
 {
     std::function<void(QEvent *)> fn;
-    EventHook(QObject *watched, std::function<void(QEvent *)> f) : fn(f)
-    {
-        watched->installEventFilter(this);
-    }
+    EventHook(QObject *o, std::function<void(QEvent *)> f) : fn(f) { o->installEventFilter(this); }
     bool eventFilter(QObject *, QEvent *e) override { return fn(e), false; }
 };
 
@@ -131,17 +118,15 @@ template <typename T = QWidget> T *child(const QObject *parent, const char *name
 
 // Clicks `button` of the next modal box once it is up, or presses Escape when it is empty;
 // keeps its question. Waits no longer than `context` lives.
-inline void answerNextBox(QObject *context, const QString &button, QString *asked = nullptr)
+inline void answerNextBox(QObject *context, const QString &button, QString *asked)
 {
     auto *poll = new QTimer(context);
     QObject::connect(poll, &QTimer::timeout, [=] {
         QWidget *box = QApplication::activeModalWidget();
         if (!box)
             return;
-        poll->deleteLater();
-        poll->stop();
-        if (asked)
-            *asked = child<QLabel>(box, "lblLine1")->text();
+        poll->stop(), poll->deleteLater();
+        *asked = child<QLabel>(box, "lblLine1")->text();
         if (button.isEmpty())
             QTest::keyClick(box->focusWidget() ? box->focusWidget() : box, Qt::Key_Escape);
         else
@@ -153,9 +138,8 @@ inline void answerNextBox(QObject *context, const QString &button, QString *aske
 // Runs the event loop until the code under test ends it; 3 when it never does.
 inline int execBounded(int ms = 10000)
 {
-    QTimer fallback;
-    QObject::connect(&fallback, &QTimer::timeout, [] { QCoreApplication::exit(3); });
-    fallback.start(ms);
+    QObject scope;
+    QTimer::singleShot(ms, &scope, [] { QCoreApplication::exit(3); });
     return QCoreApplication::exec();
 }
 
