@@ -22,12 +22,10 @@ public:
     bool snapshotOk = true, postOk = true;
     std::vector<os::ProcessEntry> processes;
     std::atomic<int> snapshotDelayMs{0}, snapshotCalls{0}, snapshotsDone{0}; // pool threads
-    std::set<os::ProcessId> unopenable;
+    std::set<std::int64_t> unopenable, ended;
     Ids terminated;
-    os::ProcessHandle nextProcessHandle = 100; // 0 makes startProcess fail
-    os::ProcessId nextProcessId = 4000;
+    os::ProcessHandle nextProcessHandle = 100, nextProcessId = 4000; // handle 0: start fails
     std::vector<std::string> started;
-    std::set<os::ProcessHandle> ended;
     std::map<std::string, std::string> environment;
     std::vector<int> awarenessCalls;
     std::vector<os::MonitorInfo> monitors;
@@ -70,24 +68,22 @@ public:
         return monitorDpi.empty() ? std::nullopt : std::optional(monitorDpi[monitor]);
     }
     std::optional<int> systemDpi() override { return systemDpiValue; }
-    bool postMessage(os::WindowHandle window, std::uint32_t message, std::uint64_t wParam,
-                     std::int64_t lParam) override
+    bool postMessage(os::WindowHandle w, std::uint32_t m, std::uint64_t wp,
+                     std::int64_t lp) override
     {
-        return window && postOk && (posted.push_back({window, message, wParam, lParam}), true);
+        return w && postOk && (posted.push_back({w, m, wp, lp}), true);
     }
     void hideWindow(os::WindowHandle window) override { hidden.push_back(window); }
     std::string windowText(os::WindowHandle window) override { return titles[window]; }
-    std::optional<os::NativeMessage> decodeNativeMessage(const void *record,
-                                                         std::size_t size) override
+    std::optional<os::NativeMessage> decodeNativeMessage(const void *r, std::size_t n) override
     {
-        return os::decodeClientMessage(record, size, atom);
+        return os::decodeClientMessage(r, n, atom);
     }
     QList<uint> sent() const
     {
-        QList<uint> out;
-        for (const os::NativeMessage &m : posted)
-            out << m.message;
-        return out;
+        return std::accumulate(
+            posted.begin(), posted.end(), QList<uint>(),
+            [](QList<uint> l, const os::NativeMessage &m) { return l << m.message; });
     }
 };
 
