@@ -1,7 +1,7 @@
 // The application on a fake platform, the engine's messages fed in directly: launch
 // parameters, processes, DPI, the message window, the loading window's version gate, animation
 // and helper service, the main window's decisions, what a still picture of the kit cannot show.
-#include "unittest.h"
+#include "fakeplatform.h"
 
 #include "app/launchparams.h"
 #include "app/startup.h"
@@ -181,7 +181,7 @@ private slots:
             {{{1, 1, 96}, {1, 0, 96}}, 144, 1, 1},
             {{{1, 3, 192}, {1, 1, 120}}, 96, 1.25f, 2},
             {{{0, 1, 192}, {1, 0, 144}, {1, 1, 120}}, 96, 1.25f, 1.5f},
-            {{{1, 1, 144}}, 96, 1.5f, 1.5f},
+            {{{1, 1, 192}}, 96, 2, 1.5f},
             {{{1, 1, 144}, {1, 0, 120}}, 96, 1.5f, 1.25f}};
         for (const auto &[monitors, systemDpi, primary, secondary] : rows) {
             f->monitors.clear();
@@ -424,9 +424,10 @@ private slots:
     void installChecks()
     {
         // Every combination of the four conditions, the first failing check in order winning;
-        // then no figures yet, and a requirement compared unsigned.
+        // then no figures yet, and a requirement compared unsigned (the folder read-only: its
+        // notice would come next).
         for (int mask = 0; mask < 18; ++mask) {
-            const bool unticked = mask & 1, absent = mask & 2, full = mask & 4, readOnly = mask & 8;
+            const bool readOnly = mask & 1, absent = mask & 2, full = mask & 4, unticked = mask & 8;
             auto form = newForm(!unticked);
             const std::uint32_t required = mask == 16 ? 0 : mask == 17 ? 4294967295u : 1500;
             form->setInstallPath("D:\\x\\Tandemo", !readOnly);

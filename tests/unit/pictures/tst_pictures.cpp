@@ -1,6 +1,6 @@
 // Every window state a person sees, grabbed offscreen at scale 1 and compared with a reviewed
 // reference picture. scripts/update-references.sh rewrites the references on purpose.
-#include "unittest.h"
+#include "fakeplatform.h"
 
 #include "kit/fonts.h"
 #include "kit/mymsgbox.h"
