@@ -28,7 +28,7 @@ int main(int argc, char *argv[])
         return 0;
     }
 
-    if (argc < 2) {
+    if (Startup::isSelfTest(argc)) {
         qDebug() << "self test: yes";
     } else {
         Global::SetSelfTest(false);

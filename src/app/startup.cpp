@@ -16,6 +16,11 @@ QByteArray screenScaleFactors(float primary, float secondary)
         .toUtf8();
 }
 
+bool isSelfTest(int argc)
+{
+    return argc < 2;
+}
+
 void initDpiEnvironment()
 {
     os::Platform &platform = os::platform();

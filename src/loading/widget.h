@@ -51,6 +51,6 @@ private:
     QFrame *m_pShadowFrame = nullptr;
     MainForm *m_pMainForm = nullptr;
     IPCmForm *m_pIPCForm = nullptr;
-    QTimer m_timerCheck;
+    QTimer m_timerCheck{this}; // a child like the window's other parts
     os::ProcessHandle m_hSvcProcess = 0;
 };

@@ -17,6 +17,7 @@ namespace {
 const QString kLinuxBin = CORVALEN_BIN_DIR;
 const QString kWindowsBin = qEnvironmentVariable("CORVALEN_WINDOWS_BIN");
 const QString kInstaller = qEnvironmentVariable("CORVALEN_INSTALLER");
+const QString kPayload = CORVALEN_PAYLOAD_DIR; // the application's files: any folder of files
 const bool kWine = !kWindowsBin.isEmpty();
 const QString kBin = kWine ? kWindowsBin : kLinuxBin, kExe = kWine ? ".exe" : "";
 const QString kFrontEnd = "CorvalenSetup" + kExe, kEngine = "corvalen-engine" + kExe;
@@ -135,14 +136,6 @@ private slots:
     {
         QVERIFY2(!qEnvironmentVariableIsEmpty("DISPLAY"), "needs an X display");
         QVERIFY(QFileInfo::exists(kBin + "/" + kFrontEnd));
-        // The application stand-in: a few hundred KB in two folders, one name outside ASCII.
-        m_payload = m_dir.path() + "/payload";
-        QDir().mkpath(m_payload + "/bin");
-        QFile a(m_payload + "/Tandemo.exe"), b(m_payload + "/bin/名字.dat");
-        QVERIFY(a.open(QFile::WriteOnly) && b.open(QFile::WriteOnly));
-        for (int i = 0; i < 40000; ++i)
-            a.write(QByteArray::number(i * 7919) + "\n");
-        b.write(QByteArray(300000, 'x'));
     }
 
     void init()
@@ -189,7 +182,7 @@ private slots:
         const QString base = m_dir.path() + "/" + mode.mid(2) + (kWine ? "" : " 目录");
         QString target = base + "/proposed/Tandemo";
         QDir().mkpath(base + "/proposed");
-        startEngine({mode, "--target", native(target), "--chunk-kb", "64"});
+        startEngine({mode, "--target", native(target), "--chunk-kb", "8"});
         QString main = waitWindow(kMainFolded);
         QVERIFY(!main.isEmpty());
         QTRY_VERIFY_WITH_TIMEOUT(posted().contains("1129/1") && posted().size() >= 2, 10000);
@@ -221,36 +214,13 @@ private slots:
         QTest::qWait(1800); // the completion page follows a second after 100 %
         clickAt(main, kStartup);
         QCOMPARE(waitEngine(), 0);
-        QVERIFY(sameTree(m_payload, target));
+        QVERIFY(sameTree(kPayload, target));
         const QStringList in = messages("in");
         QVERIFY(in.value(0).startsWith("1224/"));
         QCOMPARE(in.mid(1), QStringList({"1125/0", "1125/1", "1126/0"}).mid(browse ? 0 : 1));
         if (!kWine) {
             QVERIFY(log().contains(browse ? "strInitPath from ipcFile" : "strInitPath from Title"));
             QVERIFY2(!log().contains("qt.qpa"), qPrintable(log()));
-        }
-    }
-
-    void killed_data()
-    {
-        QTest::addColumn<QString>("victim");
-        QTest::newRow("engine: the front end follows") << kEngine;
-        QTest::newRow("front end: nothing half-installed") << kFrontEnd;
-    }
-    void killed()
-    {
-        QFETCH(QString, victim);
-        const QString target = m_dir.path() + "/killed/Tandemo";
-        startEngine({"--without-agreement", "--chunk-kb", "1", "--target", native(target)});
-        QTRY_VERIFY_WITH_TIMEOUT(messages("in").contains("1125/1"), 30000);
-        QCOMPARE(ours(victim).size(), 1);
-        if (victim == kFrontEnd) {
-            ::kill(pid_t(ours(victim).first()), SIGKILL);
-            QCOMPARE(waitEngine(10000), 2);
-            QVERIFY(!QFileInfo::exists(target));
-            QVERIFY(!QFileInfo::exists(target + ".corvalen-partial"));
-        } else {
-            frontEndFollows(victim);
         }
     }
 
@@ -282,15 +252,6 @@ private slots:
                     log().contains("one instance already exists, exit"));
     }
 
-    void exactlyOneArgumentIsNoSelfTest()
-    {
-        if (kWine)
-            QSKIP("the front end's log does not leave Wine");
-        start(kBin + "/" + kFrontEnd, {"0"});
-        QTRY_VERIFY_WITH_TIMEOUT(log().contains("bIsUnicodeNsis"), 10000);
-        QVERIFY2(log().contains("self test: no"), qPrintable(log()));
-    }
-
     // With the application running: asked, closed, installed, registered, started; then the
     // same installer again asks before it would overwrite.
     void installerInstallsThenAsksAgain()
@@ -311,7 +272,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
         qInfo("completion page %lld ms after the installer started", clock.elapsed());
         QTRY_VERIFY_WITH_TIMEOUT(ours("Tandemo.exe").isEmpty(), 5000); // the old one closed
-        comparePage(savePage(main, "installer-completed"), "completed");
+        savePage(main, "installer-completed");
         clickAt(main, kStartup);
         QTRY_VERIFY_WITH_TIMEOUT(m_started.last()->state() == QProcess::NotRunning, 10000);
         QCOMPARE(m_started.last()->exitCode(), 0);
@@ -343,8 +304,14 @@ private slots:
         const QString main = waitWindow(kMainFolded, 60000);
         QVERIFY(!main.isEmpty());
         if (kill) {
+            // The watchdog's one-second tick and the time a process takes to end: a generous
+            // bound, the figure printed.
             QCOMPARE(ours(QFileInfo(kInstaller).fileName()).size(), 1);
-            frontEndFollows(QFileInfo(kInstaller).fileName());
+            ::kill(pid_t(ours(QFileInfo(kInstaller).fileName()).first()), SIGKILL);
+            QElapsedTimer clock;
+            clock.start();
+            QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 3000);
+            qInfo("front end gone %lld ms after the installer", clock.elapsed());
         } else {
             clickAt(main, kClose);
             clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
@@ -372,12 +339,11 @@ private:
         p->waitForStarted();
         return p;
     }
-    QProcess *startEngine(const QStringList &args)
+    void startEngine(const QStringList &args)
     {
         m_engine =
             start(kBin + "/" + kEngine,
-                  QStringList{"--log", native(logFile()), "--payload", native(m_payload)} + args);
-        return m_engine;
+                  QStringList{"--log", native(logFile()), "--payload", native(kPayload)} + args);
     }
     // A member of the suite running: a copy of the application's stand-in under its name.
     void startApplication(const QString &name)
@@ -389,38 +355,19 @@ private:
         start(copy, {"60"});
         QTRY_COMPARE_WITH_TIMEOUT(ours(name + ".exe").size(), 1, 10000);
     }
-    // The watchdog's one-second tick and the time a process takes to end: a generous bound,
-    // the figure printed.
-    void frontEndFollows(const QString &victim)
-    {
-        ::kill(pid_t(ours(victim).first()), SIGKILL);
-        QElapsedTimer clock;
-        clock.start();
-        QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 3000);
-        qInfo("front end gone %lld ms after %s", clock.elapsed(), qPrintable(victim));
-    }
-    int waitEngine(int ms = 30000)
-    {
-        return m_engine->waitForFinished(ms) ? m_engine->exitCode() : -1;
-    }
+    int waitEngine() { return m_engine->waitForFinished(30000) ? m_engine->exitCode() : -1; }
     QString logFile() const { return m_dir.path() + "/engine.jsonl"; }
-    QList<QJsonObject> events() const
-    {
-        QList<QJsonObject> out;
-        QFile f(logFile());
-        if (f.open(QFile::ReadOnly))
-            for (const QByteArray &line : f.readAll().split('\n'))
-                if (!line.isEmpty())
-                    out << QJsonDocument::fromJson(line).object();
-        return out;
-    }
     // "msg/wParam" of every message the engine logged in one direction.
     QStringList messages(const QString &dir) const
     {
         QStringList out;
-        for (const QJsonObject &o : events())
+        QFile f(logFile());
+        for (const QByteArray &line :
+             f.open(QFile::ReadOnly) ? f.readAll().split('\n') : QList<QByteArray>()) {
+            const QJsonObject o = QJsonDocument::fromJson(line).object();
             if (o["event"] == "message" && o["dir"] == dir)
                 out << QString("%1/%2").arg(o["msg"].toInt()).arg(o["wp"].toString());
+        }
         return out;
     }
     QStringList posted() const { return messages("out"); }
@@ -445,39 +392,18 @@ private:
             run("/usr/lib/wine/wine64", {"reg", "query", "HKCU\\Software\\Corvalen", "/v", value});
         return QRegularExpression(value + "\\s+REG_SZ\\s+(\\S+)").match(out).captured(1);
     }
-    QImage savePage(const QString &window, const QString &name)
+    void savePage(const QString &window, const QString &name)
     {
         QTest::qWait(500); // drawn since it was mapped
-        const QImage page = grab(window);
         const QString out = qEnvironmentVariable("CORVALEN_PAGES_OUT", m_dir.path());
         QDir().mkpath(out);
-        page.save(out + "/" + name + ".png");
-        return page;
+        grab(window).save(out + "/" + name + ".png");
     }
-    // Against the reviewed picture of the unit tier: another text rasteriser, so inside the
-    // shadow margin a few pixels may differ by much; layout, colours and images must agree.
-    void comparePage(const QImage &page, const QString &reference)
-    {
-        const QImage ref(QString(CORVALEN_REFERENCE_DIR) + "/" + reference + ".png");
-        QCOMPARE(page.size(), ref.size());
-        const QRect inner = ref.rect().adjusted(8, 8, -8, -8);
-        int differing = 0;
-        for (int y = inner.top(); y <= inner.bottom(); ++y)
-            for (int x = inner.left(); x <= inner.right(); ++x) {
-                const QRgb p = page.pixel(x, y), q = ref.pixel(x, y);
-                differing += qAbs(qRed(p) - qRed(q)) > 48 || qAbs(qGreen(p) - qGreen(q)) > 48 ||
-                             qAbs(qBlue(p) - qBlue(q)) > 48;
-            }
-        const double share = 100.0 * differing / (inner.width() * inner.height());
-        qInfo("%s: %.2f %% of the pixels differ from the reference", qPrintable(reference), share);
-        QVERIFY(share < 8);
-    }
-
     QTemporaryDir m_dir;
     QList<QProcess *> m_started;
     QProcess *m_engine = nullptr;
     QByteArray m_output;
-    QString m_payload, m_installDir;
+    QString m_installDir;
 };
 
 QTEST_MAIN(tst_E2E)

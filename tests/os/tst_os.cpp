@@ -13,8 +13,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <tuple>
-#include <utility>
 #include <vector>
 
 #ifdef _WIN32

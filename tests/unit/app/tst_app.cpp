@@ -205,6 +205,7 @@ private slots:
         QCOMPARE(qgetenv("QT_PLUGIN_PATH") + qgetenv("QT_QPA_PLATFORM_PLUGIN_PATH"), QByteArray());
         QVERIFY(QCoreApplication::testAttribute(Qt::AA_UseHighDpiPixmaps));
         QCOMPARE(Startup::screenScaleFactors(1.0f / 3.0f, 1.0f), QByteArray("0.333333;1"));
+        QVERIFY(Startup::isSelfTest(1) && !Startup::isSelfTest(2)); // exactly one: an engine's
         // Numbers, not text; the first difference decides, a bad part after it is never reached.
         const std::optional<int> none, newer(1), same(0), older(-1);
         const std::tuple<QString, QString, std::optional<int>> versions[] = {
@@ -402,6 +403,7 @@ private slots:
         const QString start = "CreateProcess(\"TandemoInstSvc.exe\", \"812 640\") ";
         QVERIFY(log.lines.contains(start + "ok, pid=900"));
         w.init();
+        QCOMPARE(w.findChild<QTimer *>()->interval(), 1000); // the watchdog's tick
         // Ended: started again on the next tick with the same arguments.
         f->ended = {50};
         QTRY_VERIFY_WITH_TIMEOUT(log.lines.contains(start + "ok, pid=901"), 3000);
