@@ -156,11 +156,7 @@ private slots:
               QString("Skeinpad.exe"), QFileInfo(kInstaller).fileName()})
             for (qint64 pid : ours(name))
                 ::kill(pid_t(pid), SIGKILL);
-        for (QProcess *p : m_started) {
-            p->kill();
-            p->waitForFinished(5000);
-        }
-        qDeleteAll(m_started);
+        qDeleteAll(m_started); // each kills its process and waits for it
         m_started.clear();
         // The instance lock and the windows go with the processes.
         QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 5000);
