@@ -2,6 +2,8 @@
 ; driven through the corvalen plug-in (installer/plugin). scripts/build-installer.sh runs:
 ;   makensis -DBIN=<Windows programs> -DPAYLOAD=<application files> -DPLUGINS=<corvalen.dll>
 ;            -DOUT=<installer> [-DVERSION=x.x.x.x] installer/corvalen.nsi
+; Options of the installer: /unattended (installs at once, no agreement, running copies of the
+; application closed unasked), /fixedfolder (the folder cannot be changed).
 Unicode true
 Target amd64-unicode
 SetCompressor /SOLID lzma
@@ -19,6 +21,7 @@ OutFile "${OUT}"
 InstallDir "$LOCALAPPDATA\Programs\Tandemo"
 !addplugindir /amd64-unicode "${PLUGINS}"
 
+!include FileFunc.nsh
 !include LogicLib.nsh
 
 ; What an install leaves behind; the uninstaller and a cancelled install remove exactly this.
@@ -38,6 +41,17 @@ InstallDir "$LOCALAPPDATA\Programs\Tandemo"
   ${If} $0 == "cancel"
     !insertmacro RemoveInstalled
     Abort
+  ${EndIf}
+!macroend
+
+; 1 when the command line ($R6) has the option, else 0.
+!macro Option NAME VAR
+  ClearErrors
+  ${GetOptions} $R6 "${NAME}" $0
+  ${If} ${Errors}
+    StrCpy ${VAR} 0
+  ${Else}
+    StrCpy ${VAR} 1
   ${EndIf}
 !macroend
 
@@ -87,8 +101,11 @@ Function .onInit
   ${Next}
   IntOp $R3 $R3 + 1023
   IntOp $R3 $R3 / 1024
+  ${GetParameters} $R6
+  !insertmacro Option /fixedfolder $R7
+  !insertmacro Option /unattended $R8
   corvalen::Start "$PLUGINSDIR\CorvalenSetup.exe" "$PLUGINSDIR\corvalen.ipc" "$INSTDIR" $R3 \
-      "${VERSION}" $R1 0 0
+      "${VERSION}" $R1 $R7 $R8
   Pop $0
   ${If} $0 != "ok"
     Abort

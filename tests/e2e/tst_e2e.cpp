@@ -249,7 +249,7 @@ private slots:
     }
 
     // With the application running: asked, closed, installed, registered, started; then the
-    // same installer again asks before it would overwrite.
+    // same installer again, unattended, asks before it would overwrite.
     void installerInstallsThenAsksAgain()
     {
         resetInstallation();
@@ -276,12 +276,15 @@ private slots:
         QVERIFY(sameTree(kWindowsBin + "/../installer-payload", m_installDir + "/resources"));
         QVERIFY(QFileInfo::exists(m_installDir + "/TandemoInstSvc.exe"));
         QTRY_COMPARE_WITH_TIMEOUT(ours("Tandemo.exe").size(), 1, 10000); // "start using"
-        start(kInstaller, {});
+        // Unattended: asked only about the version, the running application closed unasked.
+        start(kInstaller, {"/unattended"});
         QString box = waitWindow(kMsgBox, 60000);
         QVERIFY(!box.isEmpty());
         savePage(box, "installer-overwrite-question");
         clickAt(box, kMsgOK);
         QVERIFY(!(main = waitWindow(kMainFolded, 10000)).isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
+        QVERIFY(ours("Tandemo.exe").isEmpty());
     }
 
     // Closed at the choice page, the installer ends and leaves nothing; killed, it takes the
