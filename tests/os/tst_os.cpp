@@ -177,17 +177,6 @@ TEST(Processes, StartLooksInOwnDirectoryThenCurrentDirectoryThenPath)
         EXPECT_EQ(peer.said("created"), "") << peer.file;
 }
 
-TEST(InstanceLock, SeenByAnotherProcessAndReleasedWhenItIsKilled)
-{
-    {
-        Peer holder("mutex " + kLock);
-        ASSERT_EQ(holder.said("created"), "");
-        EXPECT_EQ(real.createNamedMutex(kLock), os::MutexResult::AlreadyExists);
-    }
-    EXPECT_EQ(real.createNamedMutex(kLock), os::MutexResult::Created);
-    EXPECT_EQ(Peer("mutex " + kLock).said("exists"), "");
-}
-
 TEST(Environment, ValueOrEmptyWhenUnsetOrTooLongForTheBuffer)
 {
     const std::string fits(4095, 'x');
