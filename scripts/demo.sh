@@ -56,29 +56,6 @@ compositor_pid=$!
 [ "$windows" = 1 ] && wine_start
 echo "demo.sh: no display; running unattended under Xvfb on $DISPLAY"
 
-# The visible window titled "Corvalen" of the given size: "id x y", or nothing.
-find_window() {
-    local id geometry
-    for id in $(xdotool search --onlyvisible --name '^Corvalen$' 2>/dev/null); do
-        geometry=$(xdotool getwindowgeometry "$id" 2>/dev/null) || continue
-        if grep -q "Geometry: $1" <<<"$geometry"; then
-            sed -n 's/.*Position: \([0-9-]*\),\([0-9-]*\).*/\1 \2/p' <<<"$geometry" | sed "s/^/$id /"
-            return 0
-        fi
-    done
-    return 1
-}
-
-wait_window() { # size, tries of 20 ms
-    local i
-    for ((i = 0; i < ${2:-500}; i++)); do
-        find_window "$1" && return 0
-        sleep 0.02
-    done
-    echo "demo.sh: no window of size $1" >&2
-    return 1
-}
-
 shoot() { # name x y w h: the window with a margin around its shadow
     build/bin/corvalen-screenshot "$out/$1.png" $(($2 - 12)) $(($3 - 12)) $(($4 + 24)) $(($5 + 24))
     echo "demo.sh: $out/$1.png"

@@ -1,5 +1,6 @@
 # Sourced: start_private_xvfb starts an Xvfb on a free display (-noreset), exports DISPLAY and
-# XVFB_PID; stop_private_xvfb stops it by its PID.
+# XVFB_PID; stop_private_xvfb stops it by its PID; find_window and wait_window find the
+# front end's windows by their size.
 start_private_xvfb() {
     local fifo dir
     dir=$(mktemp -d)
@@ -23,4 +24,27 @@ stop_private_xvfb() {
         wait "$XVFB_PID" 2>/dev/null || true
         unset XVFB_PID
     fi
+}
+
+# The visible window titled "Corvalen" of the given size: "id x y", or nothing.
+find_window() {
+    local id geometry
+    for id in $(xdotool search --onlyvisible --name '^Corvalen$' 2>/dev/null); do
+        geometry=$(xdotool getwindowgeometry "$id" 2>/dev/null) || continue
+        if grep -q "Geometry: $1" <<<"$geometry"; then
+            sed -n 's/.*Position: \([0-9-]*\),\([0-9-]*\).*/\1 \2/p' <<<"$geometry" | sed "s/^/$id /"
+            return 0
+        fi
+    done
+    return 1
+}
+
+wait_window() { # size, tries of 20 ms
+    local i
+    for ((i = 0; i < ${2:-500}; i++)); do
+        find_window "$1" && return 0
+        sleep 0.02
+    done
+    echo "no window of size $1" >&2
+    return 1
 }

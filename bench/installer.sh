@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Measures CorvalenInstaller.exe under Wine on a private Xvfb: its size, and the wall time from
+# its start to the front end's completion page, unattended (no clicks, no question), as the
+# median of the runs given (default 5). Never part of the test suite.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+runs=${1:-5}
+
+scripts/build-installer.sh >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j"$(nproc)" --target corvalen-screenshot >/dev/null
+# shellcheck source=../scripts/lib/wine.sh
+source scripts/lib/wine.sh
+# shellcheck source=../scripts/lib/xvfb.sh
+source scripts/lib/xvfb.sh
+wine_prefix "$root/build-windows/wineprefix-bench" x11 96
+start_private_xvfb
+trap 'wine_stop; stop_private_xvfb' EXIT
+wine_start
+
+installer=$(winepath_of build-windows/CorvalenInstaller.exe)
+times=()
+for ((i = 0; i < runs; i++)); do
+    # A first installation each time: no registry key, no folder.
+    "$WINE" reg delete 'HKCU\Software\Corvalen' /f >/dev/null 2>&1 || true
+    rm -rf "$WINEPREFIX"/drive_c/users/*/AppData/Local/Programs/Tandemo
+    start=$(date +%s%N)
+    "$WINE" "$installer" /unattended >/dev/null 2>&1 &
+    pid=$!
+    read -r _ x y < <(wait_window 476x346 3000)
+    # The completion page: its start button's blue where the installing page has none.
+    until [ "$(build/bin/corvalen-screenshot --pixel $((x + 198)) $((y + 259)) 2>/dev/null)" = "#5998ff" ]; do
+        sleep 0.02
+    done
+    times+=("$((($(date +%s%N) - start) / 1000000))")
+    kill -9 "$pid"
+    wait "$pid" 2>/dev/null || true
+    while find_window 476x346 >/dev/null; do sleep 0.1; done # the front end follows its engine
+done
+median=$(printf '%s\n' "${times[@]}" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
+printf '%-52s %s\n' "CorvalenInstaller.exe (bytes)" "$(stat -c %s build-windows/CorvalenInstaller.exe)"
+printf '%-52s %s (%s)\n' "start -> completion page, unattended (ms, median)" "$median" "${times[*]}"
