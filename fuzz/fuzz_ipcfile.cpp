@@ -1,4 +1,5 @@
-// The IPC file: any bytes as UTF-16LE.
+// The IPC file: any bytes as UTF-16LE. Each byte pair is one code unit, low byte first; an odd
+// last byte is dropped; nothing else is removed (a byte-order mark or a zero unit stays).
 #include "ipc/initpath.h"
 
 #include <cstdint>
@@ -9,5 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QString text = InitPath::decodeIpcFile(bytes);
     if (text.size() != bytes.size() / 2)
         __builtin_trap();
+    for (int i = 0; i < text.size(); ++i)
+        if (text[i].unicode() != (data[2 * i] | data[2 * i + 1] << 8))
+            __builtin_trap();
     return 0;
 }

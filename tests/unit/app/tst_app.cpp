@@ -217,15 +217,6 @@ private slots:
             {"3.0.0.-1", "3.0.0.0", older}};
         for (const auto &[newVersion, oldVersion, result] : versions)
             QCOMPARE(compareVersions(newVersion, oldVersion), result);
-        // An odd byte dropped, a byte-order mark kept.
-        const std::pair<QByteArray, QString> files[] = {
-            {"C", ""},
-            {QByteArray("C\0:\0x", 5), "C:"},
-            {QByteArray("\xff\xfe\x44\0", 4), QString(QChar(0xfeff)) + "D"},
-            {QByteArray("\x89\x5b\xc5\x88", 4), "安装"},
-            {QByteArray("a\0\0\0b\0", 6), QString("a") + QChar(0) + "b"}};
-        for (const auto &[bytes, text] : files)
-            QCOMPARE(InitPath::decodeIpcFile(bytes), text);
         // No doubled separator, in three passes only.
         const std::pair<QString, QString> browsed[] = {
             {"C:/", "C:\\Tandemo"},
