@@ -156,8 +156,10 @@ private slots:
               QString("Skeinpad.exe"), QFileInfo(kInstaller).fileName()})
             for (qint64 pid : ours(name))
                 ::kill(pid_t(pid), SIGKILL);
-        qDeleteAll(m_started); // each kills its process and waits for it
-        m_started.clear();
+        for (QProcess *p : std::exchange(m_started, {})) {
+            p->close(); // killed and waited for, without a warning
+            delete p;
+        }
         // The instance lock and the windows go with the processes.
         QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 5000);
         QTest::qWait(200);
