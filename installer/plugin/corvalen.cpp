@@ -198,9 +198,11 @@ bool frontEndEnded()
     return !g_frontEnd || os::platform().hasProcessEnded(g_frontEnd);
 }
 
-// Handles what arrived, and waits for more until `done` or the front end has ended.
-template <typename Done> void pump(Done done, bool wait)
+// Handles what arrived, and waits for more until `done`, the front end has ended or `waitMs`
+// have passed.
+template <typename Done> void pump(Done done, ULONGLONG waitMs)
 {
+    const ULONGLONG end = waitMs == INFINITE ? ~0ULL : GetTickCount64() + waitMs;
     for (;;) {
         MSG msg;
         while (PeekMessageW(&msg, nullptr, 0, 0, PM_REMOVE)) {
@@ -209,11 +211,18 @@ template <typename Done> void pump(Done done, bool wait)
             else
                 DispatchMessageW(&msg);
         }
-        if (done() || !wait || frontEndEnded())
+        if (done() || frontEndEnded() || GetTickCount64() >= end)
             return;
         HANDLE process = reinterpret_cast<HANDLE>(g_frontEnd);
         MsgWaitForMultipleObjects(1, &process, FALSE, 200, QS_ALLINPUT);
     }
+}
+
+// The front end ends a second after its last message: the installer outlives its window, so
+// that whoever waits for the installer (or runs it again) finds the front end gone.
+void waitForFrontEndEnd()
+{
+    pump([] { return false; }, 5000);
 }
 
 bool writeIpcFile(const std::wstring &path, const std::wstring &folder)
@@ -287,7 +296,9 @@ NSIS_PLUGIN_FUNCTION(WaitForChoice)
 {
     keepLoaded(extra);
     nsis::Stack stack(stringSize, stackTop);
-    pump([] { return !g_chosen.empty() || g_cancelled; }, true);
+    pump([] { return !g_chosen.empty() || g_cancelled; }, INFINITE);
+    if (g_cancelled)
+        waitForFrontEndEnd();
     stack.push(g_cancelled ? std::wstring() : g_chosen);
 }
 
@@ -297,7 +308,7 @@ NSIS_PLUGIN_FUNCTION(Progress)
     nsis::Stack stack(stringSize, stackTop);
     // 100 belongs to Finish: the front end shows its completion page after it.
     const int percent = std::clamp(_wtoi(stack.pop().c_str()), 0, 99);
-    pump([] { return true; }, false);
+    pump([] { return true; }, 0);
     if (!g_cancelled && !frontEndEnded())
         post(WM_MYPROGRESS, std::uint64_t(percent), 0);
     stack.push(g_cancelled || frontEndEnded() ? L"cancel" : L"ok");
@@ -308,6 +319,7 @@ NSIS_PLUGIN_FUNCTION(Finish)
     keepLoaded(extra);
     nsis::Stack stack(stringSize, stackTop);
     post(WM_MYPROGRESS, 100, 0);
-    pump([] { return g_startRequested || g_cancelled; }, true);
+    pump([] { return g_startRequested || g_cancelled; }, INFINITE);
+    waitForFrontEndEnd();
     stack.push(g_startRequested ? L"start" : L"closed");
 }

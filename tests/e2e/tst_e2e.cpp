@@ -274,6 +274,7 @@ private slots:
         clickAt(main, kStartup);
         QTRY_VERIFY_WITH_TIMEOUT(m_started.last()->state() == QProcess::NotRunning, 10000);
         QCOMPARE(m_started.last()->exitCode(), 0);
+        QVERIFY(ours(kFrontEnd).isEmpty()); // the installer outlives its window
         QCOMPARE(registry("Version"), QString("3.0.0.5"));
         QVERIFY(sameTree(kWindowsBin + "/../installer-payload", m_installDir + "/resources"));
         QVERIFY(QFileInfo::exists(m_installDir + "/TandemoInstSvc.exe"));
