@@ -11,7 +11,8 @@
 // arguments and returns. WaitForChoice answers the front end until the user starts the
 // installation ("" when the user cancelled, the version gate refused or the front end ended).
 // Progress posts a percentage below 100; Finish posts 100 and waits until the user presses
-// "start using" or the front end ends. Calls that post the front end's window go through
+// "start using" or the front end ends. After a cancel or "start using" the installer waits for
+// the front end to end before it does. Calls that post the front end's window go through
 // src/os, as the front end's own do.
 #include "nsisapi.h"
 
@@ -49,16 +50,15 @@ void keepLoaded(nsis::ExtraParameters *extra)
         extra->registerPluginCallback(g_module, pluginCallback);
 }
 
-std::string narrow(const std::wstring &text, UINT codePage, bool *lossy = nullptr)
+// In the ANSI code page; `lossy` tells whether a character had no equivalent there.
+std::string narrow(const std::wstring &text, bool *lossy = nullptr)
 {
     BOOL usedDefault = FALSE;
-    const bool acp = codePage == CP_ACP;
-    const int n =
-        WideCharToMultiByte(codePage, acp ? WC_NO_BEST_FIT_CHARS : 0, text.c_str(),
-                            int(text.size()), nullptr, 0, nullptr, acp ? &usedDefault : nullptr);
+    const int n = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.c_str(), int(text.size()),
+                                      nullptr, 0, nullptr, &usedDefault);
     std::string out(std::size_t(std::max(n, 0)), '\0');
-    WideCharToMultiByte(codePage, acp ? WC_NO_BEST_FIT_CHARS : 0, text.c_str(), int(text.size()),
-                        out.data(), n, nullptr, acp ? &usedDefault : nullptr);
+    WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.c_str(), int(text.size()), out.data(), n,
+                        nullptr, nullptr);
     if (lossy)
         *lossy = usedDefault;
     return out;
@@ -69,12 +69,12 @@ std::string narrow(const std::wstring &text, UINT codePage, bool *lossy = nullpt
 std::string ansiPath(const std::wstring &path)
 {
     bool lossy = false;
-    std::string out = narrow(path, CP_ACP, &lossy);
+    std::string out = narrow(path, &lossy);
     if (lossy) {
         wchar_t shortPath[MAX_PATH];
         const DWORD n = GetShortPathNameW(path.c_str(), shortPath, MAX_PATH);
         if (n > 0 && n < MAX_PATH)
-            out = narrow(shortPath, CP_ACP);
+            out = narrow(shortPath);
     }
     return out;
 }
@@ -285,7 +285,7 @@ NSIS_PLUGIN_FUNCTION(Start)
         quoted(ansiPath(frontEnd)) + " " +
         std::to_string(reinterpret_cast<std::uintptr_t>(g_window)) + " " +
         (disableChoosePath ? "1" : "0") + " " + (withoutAgreement ? "1" : "0") + " " +
-        quoted(narrow(versionNew, CP_ACP)) + " " + quoted(narrow(versionOld, CP_ACP)) + " " +
+        quoted(narrow(versionNew)) + " " + quoted(narrow(versionOld)) + " " +
         std::to_string(platform.currentProcessId()) + " " + quoted(ansiPath(ipcFile)) + " 1";
     os::ProcessId id = 0;
     g_frontEnd = platform.startProcess(commandLine, id);
