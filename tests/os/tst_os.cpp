@@ -1,9 +1,9 @@
 // The os layer on real processes and on another process's windows: an X server on Linux,
 // Wine's window system for the Windows build. The other process is this program again, or a
 // copy, started with --peer: it appends what it sees to its FILE.
-//   --peer FILE window [--show] [--title TEXT...]  a top-level window: "hwnd N", then one
+//   --peer FILE window TITLE...  a shown top-level window: "hwnd N", then one
 //       "msg wParam lParam window" line per posted message, and "hidden" once it is hidden
-//   --peer FILE mutex NAME                         "created" or "exists", then holds it
+//   --peer FILE mutex NAME       "created" or "exists", then holds it
 // The title takes the rest of the line: the Linux side splits command lines at blanks. A peer
 // never ends by itself before 30 s; the tests kill it.
 #include "os/os.h"
@@ -18,10 +18,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -215,7 +212,7 @@ TEST(Windows, AnotherProcessWindowGetsMessagesIsReadAndHidden)
     const std::string title = kTitle + " " + std::string(5000, 'a');
     os::WindowHandle window = 0;
     {
-        Peer peer("window --show --title " + title);
+        Peer peer("window " + title);
         window = peer.window();
         ASSERT_NE(window, 0u);
         ASSERT_TRUE(real.postMessage(window, 1124, 0x100000005ull, -2));
@@ -304,14 +301,14 @@ LRESULT CALLBACK windowProc(HWND hwnd, UINT message, WPARAM wParam, LPARAM lPara
     return DefWindowProcA(hwnd, message, wParam, lParam);
 }
 
-int runWindow(const std::string &title, bool show)
+int runWindow(const std::string &title)
 {
     const WNDCLASSA wc{0,       windowProc, 0,       0,       GetModuleHandleA(nullptr),
                        nullptr, nullptr,    nullptr, nullptr, "CorvalenOsPeer"};
     RegisterClassA(&wc);
     HWND hwnd = CreateWindowA(wc.lpszClassName, title.c_str(), WS_OVERLAPPEDWINDOW, 0, 0, 100, 100,
                               nullptr, nullptr, wc.hInstance, nullptr);
-    ShowWindow(hwnd, show ? SW_SHOW : SW_HIDE);
+    ShowWindow(hwnd, SW_SHOW);
     say("hwnd " + std::to_string(reinterpret_cast<std::uintptr_t>(hwnd)));
     SetTimer(nullptr, 0, 30000, nullptr);
     MSG msg;
@@ -323,7 +320,7 @@ int runWindow(const std::string &title, bool show)
     return 1;
 }
 #else
-int runWindow(const std::string &title, bool show)
+int runWindow(const std::string &title)
 {
     alarm(30);
     xcb_connection_t *c = xcb_connect(nullptr, nullptr);
@@ -340,9 +337,8 @@ int runWindow(const std::string &title, bool show)
                       &events);
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, window, atom("_NET_WM_NAME"), atom("UTF8_STRING"),
                         8, title.size(), title.data());
-    if (show)
-        xcb_map_window(c, window);
-    // A round trip: the window is there (and mapped) before the test hears of it.
+    xcb_map_window(c, window);
+    // A round trip: the window is there and mapped before the test hears of it.
     xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr);
     say("hwnd " + std::to_string(window));
     while (xcb_generic_event_t *event = xcb_wait_for_event(c)) {
@@ -357,7 +353,7 @@ int runWindow(const std::string &title, bool show)
 
 } // namespace
 
-// argv: FILE window [--show] [--title TEXT...] | FILE mutex NAME
+// argv: FILE window TITLE... | FILE mutex NAME
 int peer(int argc, char **argv)
 {
     g_file = argv[1];
@@ -367,15 +363,10 @@ int peer(int argc, char **argv)
         std::this_thread::sleep_for(std::chrono::seconds(60));
         return 0;
     }
-    bool show = false;
     std::string title;
     for (int i = 3; i < argc; ++i)
-        if (std::strcmp(argv[i], "--title") == 0)
-            for (const char *space = ""; ++i < argc; space = " ")
-                title.append(space).append(argv[i]);
-        else
-            show = show || std::strcmp(argv[i], "--show") == 0;
-    return runWindow(title, show);
+        title.append(i > 3 ? " " : "").append(argv[i]);
+    return runWindow(title);
 }
 
 int main(int argc, char **argv)
