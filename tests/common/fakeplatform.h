@@ -139,9 +139,21 @@ inline int execBounded(int ms = 10000)
     return QCoreApplication::exec();
 }
 
-// The largest difference of any channel of two pixels.
-inline int channelDifference(QRgb p, QRgb q)
+// How many pixels of `actual` are off from `expected` by more than `tolerance` in a channel,
+// -1 for another size. With `marks`: those pixels in red on a faded copy of `expected`.
+inline int differingPixels(const QImage &actual, QImage expected, int tolerance,
+                           QImage *marks = nullptr)
 {
-    return std::max({qAbs(qAlpha(p) - qAlpha(q)), qAbs(qRed(p) - qRed(q)),
-                     qAbs(qGreen(p) - qGreen(q)), qAbs(qBlue(p) - qBlue(q))});
+    int differing = actual.size() == expected.size() ? 0 : -1;
+    for (int i = 0; differing >= 0 && i < expected.width() * expected.height(); ++i) {
+        const int x = i % expected.width(), y = i / expected.width();
+        const QRgb p = actual.pixel(x, y), q = expected.pixel(x, y), g = 128 + qGray(q) / 2;
+        const bool off =
+            std::max({qAbs(qAlpha(p) - qAlpha(q)), qAbs(qRed(p) - qRed(q)),
+                      qAbs(qGreen(p) - qGreen(q)), qAbs(qBlue(p) - qBlue(q))}) > tolerance;
+        expected.setPixel(x, y, off ? qRgb(255, 0, 0) : qRgb(g, g, g)), differing += off;
+    }
+    if (marks)
+        *marks = expected;
+    return differing;
 }

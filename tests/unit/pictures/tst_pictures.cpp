@@ -108,17 +108,11 @@ private slots:
         const QString path = QString(CORVALEN_REFERENCE_DIR) + "/" + name + ".png";
         if (qEnvironmentVariableIsSet("CORVALEN_UPDATE_REFERENCES"))
             QVERIFY(actual.save(path));
-        QImage diff = QImage(path).convertToFormat(QImage::Format_ARGB32);
-        QVERIFY2(!diff.isNull(), qPrintable("no reference " + path));
-        // Marks in red, on a faded copy of the reference, every pixel off by more than 8 in a
-        // channel: room for rounding, none for a changed colour.
-        int differing = actual.size() == diff.size() ? 0 : -1;
-        for (int i = 0; differing >= 0 && i < diff.width() * diff.height(); ++i) {
-            const int x = i % diff.width(), y = i / diff.width(),
-                      g = 128 + qGray(diff.pixel(x, y)) / 2;
-            const bool off = channelDifference(actual.pixel(x, y), diff.pixel(x, y)) > 8;
-            diff.setPixel(x, y, off ? qRgb(255, 0, 0) : qRgb(g, g, g)), differing += off;
-        }
+        const QImage reference = QImage(path).convertToFormat(QImage::Format_ARGB32);
+        QVERIFY2(!reference.isNull(), qPrintable("no reference " + path));
+        // Off by more than 8 in a channel: room for rounding, none for a changed colour.
+        QImage diff;
+        const int differing = differingPixels(actual, reference, 8, &diff);
         if (differing)
             actual.save(out + "-actual.png") && (differing < 0 || diff.save(out + "-diff.png"));
         const QString see = " (-1: another size); see %2-diff.png, %2-actual.png";
