@@ -130,34 +130,11 @@ std::string nameOf(os::ProcessId id)
 
 } // namespace
 
-TEST(Processes, SnapshotNamesRenamedCopiesAndTerminateEndsOnlyThatOne)
+// Sleepers as decoys where the search must not look first; the right program, a peer, answers
+// through its file. Each is listed under its file's name; terminating one by its id ends only
+// that one, and once ended it is no longer listed.
+TEST(Processes, StartSearchesOwnThenCurrentDirectoryThenPathAndTerminateEndsOnlyThatOne)
 {
-    TempDir dir;
-    std::deque<Peer> copies;
-    for (const std::string name : {"a/Tandemo.exe", "b/Tandemo.exe", "Tandemo"}) {
-        const fs::path copy = dir.path / (name + (name.find('.') == name.npos ? kExe : ""));
-        fs::create_directories(copy.parent_path());
-        fs::copy_file(kBin / ("os_tests" + kExe), copy);
-        copies.emplace_back("mutex " + kLock + std::to_string(copies.size()), copy.string());
-        // Fully started first: Wine's console host can hang on a process killed while starting.
-        EXPECT_EQ(copies.back().said("created"), "");
-        EXPECT_EQ(nameOf(copies.back().process.id), copy.filename().string());
-    }
-    EXPECT_EQ(nameOf(real.currentProcessId()), "os_tests" + kExe);
-    EXPECT_TRUE(real.terminateProcess(copies[0].process.id));
-    // Not waited for yet: a zombie has ended and is no longer listed.
-    EXPECT_TRUE(within(5s, [&] { return nameOf(copies[0].process.id).empty(); }));
-    EXPECT_TRUE(copies[0].process.ended());
-    EXPECT_EQ(nameOf(copies[1].process.id), "Tandemo.exe");
-    EXPECT_FALSE(real.hasProcessEnded(copies[1].process.handle));
-    for (os::ProcessId missing : {0u, 0x7ffffff0u})
-        EXPECT_FALSE(real.terminateProcess(missing)) << missing;
-}
-
-TEST(Processes, StartLooksInOwnDirectoryThenCurrentDirectoryThenPath)
-{
-    // Sleepers as decoys where the search must not look first; the right program, a peer,
-    // answers through its file.
     TempDir cwd, onPath;
     const auto copy = [](const std::string &from, const fs::path &to) {
         fs::copy_file(kBin / from, to.string() + kExe);
@@ -170,16 +147,29 @@ TEST(Processes, StartLooksInOwnDirectoryThenCurrentDirectoryThenPath)
     setEnv("PATH", (onPath.path.string() + (kWindows ? ";" : ":") + oldPath).c_str());
     const fs::path before = fs::current_path();
     fs::current_path(cwd.path);
+    const std::string names[] = {"os_tests", "in_cwd", "on_path", "in_cwd"};
     std::deque<Peer> peers;
-    for (const std::string name : {"os_tests", "in_cwd", "on_path"})
-        peers.emplace_back("mutex " + kLock + name, name);
+    for (const std::string &name : names)
+        peers.emplace_back("mutex " + kLock + std::to_string(peers.size()), name);
     os::ProcessId untouched = 4242;
     EXPECT_EQ(real.startProcess("no_such_program_here 1", untouched), 0);
     fs::current_path(before);
     setEnv("PATH", oldPath.c_str());
     EXPECT_EQ(untouched, 4242u);
-    for (const Peer &peer : peers)
-        EXPECT_EQ(peer.said("created"), "") << peer.file;
+    // Fully started first: Wine's console host can hang on a process killed while starting.
+    for (std::size_t i = 0; i < peers.size(); ++i) {
+        EXPECT_EQ(peers[i].said("created"), "") << names[i];
+        EXPECT_EQ(nameOf(peers[i].process.id), names[i] + kExe);
+    }
+    EXPECT_EQ(nameOf(real.currentProcessId()), "os_tests" + kExe);
+    EXPECT_TRUE(real.terminateProcess(peers[1].process.id));
+    // Not waited for yet: a zombie has ended and is no longer listed.
+    EXPECT_TRUE(within(5s, [&] { return nameOf(peers[1].process.id).empty(); }));
+    EXPECT_TRUE(peers[1].process.ended());
+    EXPECT_FALSE(real.hasProcessEnded(peers[3].process.handle));
+    EXPECT_EQ(nameOf(peers[3].process.id), "in_cwd" + kExe);
+    for (os::ProcessId missing : {0u, 0x7ffffff0u})
+        EXPECT_FALSE(real.terminateProcess(missing)) << missing;
 }
 
 TEST(Environment, ValueOrEmptyWhenUnsetOrTooLongForTheBuffer)
