@@ -108,7 +108,7 @@ struct EventHook : QObject
 
 template <typename T = QWidget> T *child(const QObject *parent, const char *name)
 {
-    T *c = parent->findChild<T *>(name);
+    T *c = parent ? parent->findChild<T *>(name) : nullptr;
     return c ? c : (qFatal("no child %s", name), nullptr);
 }
 

@@ -146,10 +146,8 @@ private slots:
               QString("Skeinpad.exe"), QFileInfo(kInstaller).fileName()})
             for (qint64 pid : ours(name))
                 ::kill(pid_t(pid), SIGKILL);
-        for (QProcess *p : std::exchange(m_started, {})) {
-            p->close(); // killed and waited for, without a warning
-            delete p;
-        }
+        for (QProcess *p : std::exchange(m_started, {}))
+            p->close(), delete p; // killed and waited for, without a warning
         // The instance lock and the windows go with the processes.
         QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 5000);
         QTest::qWait(200);
