@@ -105,7 +105,7 @@ QString native(const QString &path)
     return kWine ? "Z:" + QString(path).replace('/', '\\') : path;
 }
 
-// The same files with the same bytes, and some.
+// Both trees hold the same files with the same bytes, and `a` is not empty.
 bool sameTree(const QString &a, const QString &b)
 {
     return !QDir(a).isEmpty() && QProcess::execute("diff", {"-r", "-q", a, b}) == 0;
