@@ -14,6 +14,8 @@ cmake --build build -j"$(nproc)" --target corvalen-screenshot >/dev/null
 source scripts/lib/wine.sh
 # shellcheck source=../scripts/lib/xvfb.sh
 source scripts/lib/xvfb.sh
+# shellcheck source=../scripts/lib/median.sh
+source scripts/lib/median.sh
 wine_prefix "$root/build-windows/wineprefix-bench" x11 96
 start_private_xvfb
 trap 'wine_stop; stop_private_xvfb' EXIT
@@ -38,6 +40,6 @@ for ((i = 0; i < runs; i++)); do
     wait "$pid" 2>/dev/null || true
     while find_window 476x346 >/dev/null; do sleep 0.1; done # the front end follows its engine
 done
-median=$(printf '%s\n' "${times[@]}" | sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
+median=$(printf '%s\n' "${times[@]}" | median)
 printf '%-52s %s\n' "CorvalenInstaller.exe (bytes)" "$(stat -c %s build-windows/CorvalenInstaller.exe)"
 printf '%-52s %s (%s)\n' "start -> completion page, unattended (ms, median)" "$median" "${times[*]}"

@@ -34,7 +34,8 @@ if [ "$windows" = 1 ]; then
     wine_start
 fi
 
-median() { sort -n | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+# shellcheck source=../scripts/lib/median.sh
+source scripts/lib/median.sh
 
 # Start-up, A/B alternating so that both see the same machine state.
 front=() minimal=() ratios=()
