@@ -3,6 +3,7 @@
 #include <QEvent>
 #include <QLabel>
 #include <QPaintDevice>
+#include <QPaintEvent>
 #include <QPainter>
 #include <QPixmap>
 #include <QRect>
@@ -11,6 +12,7 @@
 
 #include <array>
 #include <cmath>
+#include <utility>
 
 namespace {
 
@@ -56,9 +58,12 @@ Cuts cutsFor(int tileLength, int targetLength, int middle, int step)
 
 } // namespace
 
-ShadowEffect::ShadowEffect(QWidget *frame, QObject *parent) : QGraphicsDropShadowEffect(parent)
+ShadowEffect::ShadowEffect(QWidget *frame, QObject *parent)
+    : QGraphicsDropShadowEffect(parent), m_frame(frame)
 {
     frame->installEventFilter(this);
+    if (QWidget *window = frame->parentWidget())
+        window->installEventFilter(this);
     const auto forgetTile = [this] { m_tile = QImage(); };
     connect(this, &QGraphicsDropShadowEffect::offsetChanged, this, forgetTile);
     connect(this, &QGraphicsDropShadowEffect::blurRadiusChanged, this, forgetTile);
@@ -76,6 +81,11 @@ void ShadowEffect::sourceChanged(ChangeFlags flags)
 // on the frame itself.
 bool ShadowEffect::eventFilter(QObject *watched, QEvent *event)
 {
+    if (watched != m_frame) {
+        if (event->type() == QEvent::Paint)
+            m_repaint = static_cast<QPaintEvent *>(event)->region().translated(-m_frame->pos());
+        return QGraphicsDropShadowEffect::eventFilter(watched, event);
+    }
     switch (event->type()) {
     case QEvent::StyleChange:
     case QEvent::PaletteChange:
@@ -143,7 +153,21 @@ QImage ShadowEffect::smallFrame(const QSize &tileFrame, qreal dpr)
     return out;
 }
 
+// Qt draws an effect over the bounding rectangle of the region it repaints, while the widgets
+// above the frame repaint only the region itself: unclipped, the backing would paint over
+// whatever of the content lies between two small updates (a hovered button and the close
+// button), and darken the translucent margin there a second time.
 void ShadowEffect::draw(QPainter *painter)
+{
+    const std::optional<QRegion> repaint = std::exchange(m_repaint, std::nullopt);
+    painter->save();
+    if (repaint)
+        painter->setClipRegion(*repaint, Qt::IntersectClip);
+    drawShadow(painter);
+    painter->restore();
+}
+
+void ShadowEffect::drawShadow(QPainter *painter)
 {
     const qreal dpr = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
     const QRect frame = sourceBoundingRect(Qt::DeviceCoordinates).toAlignedRect();
@@ -181,7 +205,6 @@ void ShadowEffect::draw(QPainter *painter)
 
     // Drawn in device pixels: the scale that undoes the device's leaves a plain copy.
     const QPointF origin(bounds.left() * dpr, bounds.top() * dpr);
-    painter->save();
     painter->setWorldTransform(QTransform::fromScale(1 / dpr, 1 / dpr));
     painter->setRenderHint(QPainter::SmoothPixmapTransform, false);
     for (std::size_t i = 0; i < 3; ++i) {
@@ -195,5 +218,4 @@ void ShadowEffect::draw(QPainter *painter)
             painter->drawImage(target, m_tile, source);
         }
     }
-    painter->restore();
 }
