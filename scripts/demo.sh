@@ -40,19 +40,12 @@ fi
 source scripts/lib/xvfb.sh
 start_private_xvfb
 engine_pid=
-compositor_pid=
 cleanup() {
     [ -n "$engine_pid" ] && kill "$engine_pid" 2>/dev/null || true
-    [ -n "$compositor_pid" ] && kill "$compositor_pid" 2>/dev/null || true
     [ "$windows" = 1 ] && wine_stop
     stop_private_xvfb
 }
 trap cleanup EXIT
-# A light desktop and a compositor: the windows' translucent shadow margin is blended as on
-# Windows instead of showing black. (hsetroot leaves the root pixmap the compositor paints.)
-hsetroot -solid '#F2F3F5' >/dev/null
-xcompmgr >/dev/null 2>&1 &
-compositor_pid=$!
 [ "$windows" = 1 ] && wine_start
 echo "demo.sh: no display; running unattended under Xvfb on $DISPLAY"
 

@@ -10,8 +10,9 @@ packages=(
     googletest libgtest-dev
     # display for the os and e2e tiers, the demo's screenshots, fonts for the CJK texts
     xvfb xauth xdotool fonts-wqy-microhei procps
-    # the demo's pictures: a compositor and a light desktop, so the shadow shows as it does
-    xcompmgr hsetroot
+    # the private display's compositor and light desktop, so the shadow shows as it does; xrdb
+    # for its DPI
+    xcompmgr hsetroot x11-xserver-utils
     # Windows tier: cross compiler, Wine, the installer engine
     g++-mingw-w64-x86-64-posix wine64 nsis
     # fuzzing, sanitizers, static analysis

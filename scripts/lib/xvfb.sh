@@ -1,6 +1,6 @@
-# Sourced: start_private_xvfb starts an Xvfb on a free display (-noreset), exports DISPLAY and
-# XVFB_PID; stop_private_xvfb stops it by its PID; find_window and wait_window find the
-# front end's windows by their size.
+# Sourced: start_private_xvfb starts an Xvfb on a free display (-noreset) with a light desktop
+# and a compositor, exports DISPLAY and XVFB_PID; stop_private_xvfb stops them by their PIDs;
+# find_window and wait_window find the front end's windows by their size.
 start_private_xvfb() {
     local fifo dir
     dir=$(mktemp -d)
@@ -16,9 +16,19 @@ start_private_xvfb() {
     fi
     rm -rf "$dir"
     export DISPLAY=":$n" XVFB_PID
+    # The windows' translucent margin is blended on the desktop as on Windows, not shown black:
+    # what the tests read back from the screen is what a person sees. (hsetroot leaves the root
+    # pixmap that the compositor paints.)
+    hsetroot -solid '#F2F3F5' >/dev/null
+    xcompmgr >/dev/null 2>&1 &
+    COMPOSITOR_PID=$!
 }
 
 stop_private_xvfb() {
+    if [ -n "${COMPOSITOR_PID:-}" ]; then
+        kill "$COMPOSITOR_PID" 2>/dev/null || true
+        unset COMPOSITOR_PID
+    fi
     if [ -n "${XVFB_PID:-}" ]; then
         kill "$XVFB_PID" 2>/dev/null || true
         wait "$XVFB_PID" 2>/dev/null || true

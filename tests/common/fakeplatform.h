@@ -1,5 +1,6 @@
 // What the unit tests share: a scriptable os::Platform that records every call, the Qt debug
-// stream, named children, modal answers, a bounded event loop, event hooks, pixel differences.
+// stream, named children, modal answers, a bounded event loop, event hooks; pixels.h the pixel
+// differences.
 #pragma once
 
 #include <QtTest>
@@ -9,6 +10,7 @@
 
 #include "app/global.h"
 #include "os/os.h"
+#include "pixels.h"
 
 using Ids = std::vector<os::ProcessId>;
 
@@ -137,23 +139,4 @@ inline int execBounded(int ms = 10000)
     QObject scope;
     QTimer::singleShot(ms, &scope, [] { QCoreApplication::exit(3); });
     return QCoreApplication::exec();
-}
-
-// How many pixels of `actual` are off from `expected` by more than `tolerance` in a channel,
-// -1 for another size. With `marks`: those pixels in red on a faded copy of `expected`.
-inline int differingPixels(const QImage &actual, QImage expected, int tolerance,
-                           QImage *marks = nullptr)
-{
-    int differing = actual.size() == expected.size() ? 0 : -1;
-    for (int i = 0; differing >= 0 && i < expected.width() * expected.height(); ++i) {
-        const int x = i % expected.width(), y = i / expected.width();
-        const QRgb p = actual.pixel(x, y), q = expected.pixel(x, y), g = 128 + qGray(q) / 2;
-        const bool off =
-            std::max({qAbs(qAlpha(p) - qAlpha(q)), qAbs(qRed(p) - qRed(q)),
-                      qAbs(qGreen(p) - qGreen(q)), qAbs(qBlue(p) - qBlue(q))}) > tolerance;
-        expected.setPixel(x, y, off ? qRgb(255, 0, 0) : qRgb(g, g, g)), differing += off;
-    }
-    if (marks)
-        *marks = expected;
-    return differing;
 }

@@ -3,11 +3,15 @@
 // CORVALEN_WINDOWS_BIN the Windows build under Wine (scripts/test-windows.sh provides the
 // prefix), and with CORVALEN_INSTALLER as well the installer that makensis built. Under Wine the
 // front end logs to the debugger, so outcomes come from the engine's JSON log, the files, the
-// registry, /proc and the screen.
+// registry, /proc and the screen. The screen is read back from the X server, through the
+// compositor of the private display, and compared with the reviewed pictures.
+#include "pixels.h"
+
 #include <QtTest>
 
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPainter>
 #include <QScreen>
 
 #include <csignal>
@@ -28,7 +32,17 @@ const QByteArray kRun = QByteArray::number(QCoreApplication::applicationPid());
 const QSize kMainFolded(476, 346), kMainUnfolded(476, 426), kMsgBox(416, 226);
 // Inside the windows, shadow margin included.
 const QPoint kCheckBox(112, 259), kInstall(238, 215), kStartup(238, 269), kMoreOptions(229, 308),
-    kBrowse(408, 355), kClose(438, 39), kMsgOK(293, 185);
+    kBrowse(408, 355), kClose(438, 39), kMsgOK(293, 185), kMsgCancel(143, 185);
+// The choice page's controls: all that hovering one may change (更多选项 and its arrow at once).
+const QRect kHoverable[] = {{188, 198, 100, 34}, {428, 29, 20, 20},  {228, 248, 61, 20},
+                            {311, 248, 61, 20},  {104, 251, 16, 16}, {201, 298, 77, 20}};
+const QRect kProgressBar(48, 235, 380, 12);
+// What scripts/lib/xvfb.sh's desktop shows under the windows' translucent margin.
+const QColor kDesktop(0xF2, 0xF3, 0xF5);
+// Natively the picture tier's references serve, laid on the desktop; text under Wine comes
+// from the Windows font engine, so that rendition has reviewed pictures of its own.
+const QString kScreenReferences =
+    QString(CORVALEN_SCREEN_REFERENCE_DIR) + (kWine ? "/wine/" : "/native/");
 
 QString run(const QString &program, const QStringList &args)
 {
@@ -74,6 +88,84 @@ QImage grab(const QString &window)
     return QGuiApplication::primaryScreen()
         ->grabWindow(0, r.x(), r.y(), r.width(), r.height())
         .toImage();
+}
+
+void pointAway()
+{
+    run("xdotool", {"mousemove", "1270", "1010"}); // a corner no window of the run covers
+}
+
+// The reviewed picture of `state` as the display shows it over `under`, by default the desktop.
+QImage reference(const QString &state, const QImage &under = {})
+{
+    QImage image(kScreenReferences + state + ".png");
+    if (!image.isNull() || kWine)
+        return image;
+    const QImage offscreen(QString(CORVALEN_REFERENCE_DIR) + "/" + state + ".png");
+    image = under.isNull() ? QImage(offscreen.size(), QImage::Format_ARGB32_Premultiplied) : under;
+    if (under.isNull())
+        image.fill(kDesktop);
+    QPainter(&image).drawImage(0, 0, offscreen);
+    return image;
+}
+
+// "" once the window as the display shows it matches the picture of `state` but for
+// `changing`, else what differs, with the pictures written. CORVALEN_UPDATE_REFERENCES writes
+// the pictures the picture tier cannot provide.
+QString screenDiffers(const QString &window, const QString &state, const QRegion &changing = {},
+                      const QImage &under = {})
+{
+    const QString file = kScreenReferences + state + ".png";
+    if (qEnvironmentVariableIsSet("CORVALEN_UPDATE_REFERENCES") &&
+        (kWine || !QFileInfo::exists(QString(CORVALEN_REFERENCE_DIR) + "/" + state + ".png"))) {
+        QTest::qWait(1000);
+        QDir().mkpath(kScreenReferences);
+        grab(window).save(file);
+    }
+    const QImage expected = reference(state, under);
+    QString differs;
+    (void)QTest::qWaitFor(
+        [&] {
+            QImage actual = grab(window).convertToFormat(QImage::Format_ARGB32_Premultiplied);
+            QPainter painter(&actual);
+            for (const QRect &r : changing)
+                painter.drawImage(r, expected, r);
+            painter.end();
+            differs = pictureDifference(actual, expected, QDir::currentPath() + "/screen-" + state);
+            return differs.isEmpty();
+        },
+        3000);
+    return state + ": " + differs;
+}
+#define QVERIFY_SCREEN(...)                                                                        \
+    do {                                                                                           \
+        const QString differs = screenDiffers(__VA_ARGS__);                                        \
+        QVERIFY2(differs.endsWith(": "), qPrintable(differs));                                     \
+    } while (false)
+
+// The pointer from control to control, as a person's goes (leaving one and entering the next
+// land in one repaint), then away; the box ticked and unticked: only the control under the
+// pointer, or the box, changes.
+void hoverAndTick(const QString &main, const QString &state, qreal scale)
+{
+    const auto scaled = [scale](const QRect &r) {
+        return QRectF(QPointF(r.topLeft()) * scale, QSizeF(r.size()) * scale)
+            .toAlignedRect()
+            .adjusted(-2, -2, 2, 2);
+    };
+    for (const QRect &control : kHoverable) {
+        const QPoint at = scaled(control).center() + windowRect(main).topLeft();
+        run("xdotool", {"mousemove", QString::number(at.x()), QString::number(at.y())});
+        QVERIFY_SCREEN(main, state, scaled(control));
+    }
+    pointAway();
+    QVERIFY_SCREEN(main, state);
+    const QRect box = scaled(kHoverable[4]);
+    for (const QRegion &changing : {QRegion(box), QRegion()}) {
+        clickAt(main, box.center());
+        pointAway();
+        QVERIFY_SCREEN(main, state, changing);
+    }
 }
 
 bool completionPageShown(const QString &main)
@@ -221,16 +313,78 @@ private slots:
         QVERIFY(second->waitForFinished(10000));
         QCOMPARE(second->exitCode(), 0);
         QCOMPARE(ours(kFrontEnd).size(), 1);
+        pointAway();
+        QVERIFY_SCREEN(main, "choice");
+        hoverAndTick(main, "choice", 1);
+        if (QTest::currentTestFailed())
+            return;
+        clickAt(main, kMoreOptions);
+        pointAway();
+        QVERIFY_SCREEN(waitWindow(kMainUnfolded, 5000), "choice-unfolded");
+        clickAt(main, kMoreOptions);
+        pointAway();
+        QVERIFY_SCREEN(waitWindow(kMainFolded, 5000), "choice");
+        // Refused unticked: a notice over the page, which is whole once it has faded.
+        clickAt(main, kInstall);
+        pointAway();
+        const auto toastShown = [&] { return qGray(grab(main).pixel(238, 158)) < 128; };
+        QTRY_VERIFY(toastShown());
+        QVERIFY_SCREEN(main, "choice", QRect(0, 154, 476, 38));
+        QTRY_VERIFY_WITH_TIMEOUT(!toastShown(), 5000);
+        QVERIFY_SCREEN(main, "choice");
+        clickAt(main, kClose);
+        // A question lies on the page: its margin shows what is under it.
+        const QString question = waitWindow(kMsgBox, 10000);
+        const QImage under = reference("choice").copy(
+            QRect(windowRect(question).topLeft() - windowRect(main).topLeft(), kMsgBox));
+        pointAway();
+        QVERIFY_SCREEN(question, "close-question", {}, under);
+        clickAt(question, kMsgCancel);
+        pointAway();
+        QVERIFY_SCREEN(main, "choice");
         clickAt(main, kCheckBox);
         clickAt(main, kInstall);
-        clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
+        const QString running = waitWindow(kMsgBox, 10000);
+        pointAway();
+        QVERIFY_SCREEN(running, "running-question", {}, under);
+        clickAt(running, kMsgOK);
         QTRY_VERIFY_WITH_TIMEOUT(ours("Tandemo.exe").isEmpty(), 5000);
         QTRY_VERIFY(ours("Skeinpad.exe").isEmpty());
+        for (int step = 0; step < 3; ++step, QTest::qWait(700))
+            QVERIFY_SCREEN(main, "installing-50", kProgressBar);
         QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 15000);
+        QVERIFY_SCREEN(main, "completed");
         clickAt(main, kStartup);
         QVERIFY(frontEnd->waitForFinished(5000));
         QCOMPARE(frontEnd->exitCode(), 0);
         QVERIFY(kWine || log().contains("one instance already exists, exit"));
+    }
+
+    // At 150 %, the scale every program started from now on reads: natively Xft.dpi, under Wine
+    // the prefix's LogPixels.
+    void choicePageAt150()
+    {
+        const auto setDpi = [](int dpi) {
+            if (kWine) {
+                run("/usr/lib/wine/wine64",
+                    {"reg", "add", "HKCU\\Control Panel\\Desktop", "/v", "LogPixels", "/t",
+                     "REG_DWORD", "/d", QString::number(dpi), "/f"});
+                return;
+            }
+            QProcess xrdb;
+            xrdb.start("xrdb", {"-nocpp", "-merge"});
+            xrdb.write(QString("Xft.dpi: %1\n").arg(dpi).toUtf8());
+            xrdb.closeWriteChannel();
+            xrdb.waitForFinished();
+        };
+        setDpi(144);
+        const auto restore = qScopeGuard([&] { setDpi(96); });
+        start(kBin + "/" + kFrontEnd, {});
+        const QString main = waitWindow(kMainFolded * 1.5);
+        QVERIFY(!main.isEmpty());
+        pointAway();
+        QVERIFY_SCREEN(main, "choice-150");
+        hoverAndTick(main, "choice-150", 1.5);
     }
 
     // With the application running: asked, closed, installed, registered, started; then the
