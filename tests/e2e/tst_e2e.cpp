@@ -74,12 +74,15 @@ QString waitWindow(const QSize &size, int ms = 30000)
     return QTest::qWaitFor(seen, ms) ? found : QString();
 }
 
+const QStringList kAway{"mousemove", "1270", "1010"}; // a corner no window of the run covers
+
 void clickAt(const QString &window, QPoint p)
 {
     p += windowRect(window).topLeft();
-    // The hover first, as a person's pointer would.
-    run("xdotool", {"mousemove", QString::number(p.x()), QString::number(p.y()), "sleep", "0.06",
-                    "click", "1"});
+    // The hover first, as a person's pointer would, and away after the click.
+    run("xdotool", QStringList{"mousemove", QString::number(p.x()), QString::number(p.y()), "sleep",
+                               "0.06", "click", "1"} +
+                       kAway);
 }
 
 QImage grab(const QString &window)
@@ -88,11 +91,6 @@ QImage grab(const QString &window)
     return QGuiApplication::primaryScreen()
         ->grabWindow(0, r.x(), r.y(), r.width(), r.height())
         .toImage();
-}
-
-void pointAway()
-{
-    run("xdotool", {"mousemove", "1270", "1010"}); // a corner no window of the run covers
 }
 
 // The reviewed picture of `state` as the display shows it over `under`, by default the desktop.
@@ -158,12 +156,11 @@ void hoverAndTick(const QString &main, const QString &state, qreal scale)
         run("xdotool", {"mousemove", QString::number(at.x()), QString::number(at.y())});
         QVERIFY_SCREEN(main, state, scaled(control));
     }
-    pointAway();
+    run("xdotool", kAway);
     QVERIFY_SCREEN(main, state);
     const QRect box = scaled(kHoverable[4]);
     for (const QRegion &changing : {QRegion(box), QRegion()}) {
         clickAt(main, box.center());
-        pointAway();
         QVERIFY_SCREEN(main, state, changing);
     }
 }
@@ -313,20 +310,17 @@ private slots:
         QVERIFY(second->waitForFinished(10000));
         QCOMPARE(second->exitCode(), 0);
         QCOMPARE(ours(kFrontEnd).size(), 1);
-        pointAway();
+        run("xdotool", kAway);
         QVERIFY_SCREEN(main, "choice");
         hoverAndTick(main, "choice", 1);
         if (QTest::currentTestFailed())
             return;
         clickAt(main, kMoreOptions);
-        pointAway();
         QVERIFY_SCREEN(waitWindow(kMainUnfolded, 5000), "choice-unfolded");
         clickAt(main, kMoreOptions);
-        pointAway();
         QVERIFY_SCREEN(waitWindow(kMainFolded, 5000), "choice");
         // Refused unticked: a notice over the page, which is whole once it has faded.
         clickAt(main, kInstall);
-        pointAway();
         const auto toastShown = [&] { return qGray(grab(main).pixel(238, 158)) < 128; };
         QTRY_VERIFY(toastShown());
         QVERIFY_SCREEN(main, "choice", QRect(0, 154, 476, 38));
@@ -337,15 +331,12 @@ private slots:
         const QString question = waitWindow(kMsgBox, 10000);
         const QImage under = reference("choice").copy(
             QRect(windowRect(question).topLeft() - windowRect(main).topLeft(), kMsgBox));
-        pointAway();
         QVERIFY_SCREEN(question, "close-question", {}, under);
         clickAt(question, kMsgCancel);
-        pointAway();
         QVERIFY_SCREEN(main, "choice");
         clickAt(main, kCheckBox);
         clickAt(main, kInstall);
         const QString running = waitWindow(kMsgBox, 10000);
-        pointAway();
         QVERIFY_SCREEN(running, "running-question", {}, under);
         clickAt(running, kMsgOK);
         QTRY_VERIFY_WITH_TIMEOUT(ours("Tandemo.exe").isEmpty(), 5000);
@@ -365,24 +356,19 @@ private slots:
     void choicePageAt150()
     {
         const auto setDpi = [](int dpi) {
-            if (kWine) {
-                run("/usr/lib/wine/wine64",
-                    {"reg", "add", "HKCU\\Control Panel\\Desktop", "/v", "LogPixels", "/t",
-                     "REG_DWORD", "/d", QString::number(dpi), "/f"});
-                return;
-            }
-            QProcess xrdb;
-            xrdb.start("xrdb", {"-nocpp", "-merge"});
-            xrdb.write(QString("Xft.dpi: %1\n").arg(dpi).toUtf8());
-            xrdb.closeWriteChannel();
-            xrdb.waitForFinished();
+            run("sh",
+                {"-c",
+                 QString(kWine ? "/usr/lib/wine/wine64 reg add 'HKCU\\Control Panel\\Desktop' "
+                                 "/v LogPixels /t REG_DWORD /d %1 /f"
+                               : "echo Xft.dpi: %1 | xrdb -nocpp -merge")
+                     .arg(dpi)});
         };
         setDpi(144);
         const auto restore = qScopeGuard([&] { setDpi(96); });
         start(kBin + "/" + kFrontEnd, {});
         const QString main = waitWindow(kMainFolded * 1.5);
         QVERIFY(!main.isEmpty());
-        pointAway();
+        run("xdotool", kAway);
         QVERIFY_SCREEN(main, "choice-150");
         hoverAndTick(main, "choice-150", 1.5);
     }
