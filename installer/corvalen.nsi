@@ -1,20 +1,33 @@
 ; The Corvalen installer. NSIS copies the files; CorvalenSetup.exe is the whole user interface,
 ; driven through the corvalen plug-in (installer/plugin). scripts/build-installer.sh runs:
-;   makensis -DBIN=<Windows programs> -DPAYLOAD=<application files> -DPLUGINS=<corvalen.dll>
-;            -DOUT=<installer> [-DVERSION=x.x.x.x] installer/corvalen.nsi
+;   makensis -DBIN=<Windows programs> -DSTAGED=<generated file list, without extension>
+;            -DPLUGINS=<corvalen.dll> -DOUT=<installer> -DVERSION=x.x.x.x installer/corvalen.nsi
 ; Options of the installer: /unattended (installs at once, no agreement, running copies of the
-; application closed unasked), /fixedfolder (the folder cannot be changed).
+; application closed unasked), /fixedfolder (the folder cannot be changed), /LOG=path (else
+; %TEMP%\CorvalenInstaller.log).
+;
+; All or nothing: the files are written into "<folder>.new" and swapped in only when every one
+; is there (corvalen::Commit); the registry follows the swap. Whatever ends a run before it
+; leaves the installed version as it was; an interrupted run is finished or undone by the next
+; (corvalen::Recover). Adding files: list them in scripts/build-installer.sh, never write into
+; $INSTDIR directly.
 Unicode true
 Target amd64-unicode
 SetCompressor /SOLID lzma
 RequestExecutionLevel user
+ManifestDPIAware true
 ; No NSIS pages: the front end asks everything.
 SilentInstall silent
+; A file that cannot be written fails the run; it is never skipped.
+AllowSkipFiles off
 
-!ifndef VERSION
-  !define VERSION "3.0.0.5"
-!endif
 !define REGKEY "Software\Corvalen"
+; Exit codes, documented in the README.
+!define EXIT_INSTALLED 0
+!define EXIT_CANCELLED 1
+!define EXIT_FAILED 2
+!define EXIT_REFUSED 3
+!define EXIT_BUSY 4
 
 Name "Corvalen"
 OutFile "${OUT}"
@@ -23,23 +36,23 @@ InstallDir "$LOCALAPPDATA\Programs\Tandemo"
 
 !include FileFunc.nsh
 !include LogicLib.nsh
+!include WordFunc.nsh
 
-; What an install leaves behind; the uninstaller and a cancelled install remove exactly this.
-!macro RemoveInstalled
-  Delete "$INSTDIR\Tandemo.exe"
-  Delete "$INSTDIR\TandemoInstSvc.exe"
-  RMDir /r "$INSTDIR\resources"
-  Delete "$INSTDIR\Uninstall.exe"
-  RMDir "$INSTDIR"
-  DeleteRegKey HKCU "${REGKEY}"
-!macroend
+Var STAGE
+Var EXITCODE ; of a run that does not install
 
-; Reports a section's end to the front end; the user may have closed it meanwhile.
-!macro Progress PERCENT
+; One staged file, then the share of the copy done; the user may have closed the front end.
+!macro Stage SOURCE PERCENT
+  ClearErrors
+  File "${SOURCE}"
+  ${If} ${Errors}
+    corvalen::Log "could not write ${SOURCE} into $OUTDIR"
+    Abort
+  ${EndIf}
   corvalen::Progress ${PERCENT}
   Pop $0
   ${If} $0 == "cancel"
-    !insertmacro RemoveInstalled
+    StrCpy $EXITCODE ${EXIT_CANCELLED}
     Abort
   ${EndIf}
 !macroend
@@ -55,31 +68,61 @@ InstallDir "$LOCALAPPDATA\Programs\Tandemo"
   ${EndIf}
 !macroend
 
-Section "-Service" SecService
-  SetOutPath "$INSTDIR"
-  File "${BIN}/TandemoInstSvc.exe"
-  !insertmacro Progress 10
+Section "-Stage" SecStage
+  StrCpy $STAGE "$INSTDIR.new"
+  corvalen::Recover "$INSTDIR"
+  corvalen::Log "staging ${VERSION} in $STAGE"
+  !include "${STAGED}.nsh"
+  SetOutPath "$STAGE"
+  ClearErrors
+  File "/oname=Uninstall.lst" "${STAGED}.lst"
+  WriteUninstaller "$STAGE\Uninstall.exe"
+  ${If} ${Errors}
+    corvalen::Log "could not write the uninstaller or the file list"
+    Abort
+  ${EndIf}
 SectionEnd
 
-Section "-Application" SecApplication
-  SetOutPath "$INSTDIR"
-  File "${BIN}/Tandemo.exe"
-  !insertmacro Progress 30
-SectionEnd
-
-Section "-Resources" SecResources
-  SetOutPath "$INSTDIR\resources"
-  File /r "${PAYLOAD}/*.*"
-  !insertmacro Progress 90
-SectionEnd
-
-Section "-Register" SecRegister
-  WriteUninstaller "$INSTDIR\Uninstall.exe"
+Section "-Commit"
+  SetOutPath "$TEMP" ; nothing of ours is the working folder while the trees move
+  corvalen::Commit "$INSTDIR"
+  Pop $0
+  ${If} $0 == "locked"
+    corvalen::Log "the installed files are in use: closing the application suite, once"
+    corvalen::CloseSuite
+    Pop $0
+    corvalen::Commit "$INSTDIR"
+    Pop $0
+  ${EndIf}
+  ${If} $0 != "done"
+    Abort
+  ${EndIf}
+  ; Registered the moment the new tree is in place; then the user's files carried over and the
+  ; old tree removed.
   WriteRegStr HKCU "${REGKEY}" "Version" "${VERSION}"
   WriteRegStr HKCU "${REGKEY}" "InstallDir" "$INSTDIR"
+  corvalen::Recover "$INSTDIR"
+  corvalen::Log "installed ${VERSION} in $INSTDIR"
 SectionEnd
 
 Function .onInit
+  StrCpy $EXITCODE ${EXIT_FAILED}
+  ${GetParameters} $R6
+  ClearErrors
+  ${GetOptions} $R6 "/LOG=" $R9
+  ${If} ${Errors}
+    StrCpy $R9 "$TEMP\CorvalenInstaller.log"
+  ${EndIf}
+  corvalen::OpenLog "$R9"
+  corvalen::Log "Corvalen ${VERSION} installer started: $R6"
+  corvalen::Lock
+  Pop $0
+  ${If} $0 != "ok"
+    corvalen::Log "another installer or uninstaller is running"
+    MessageBox MB_OK|MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
+    SetErrorLevel ${EXIT_BUSY}
+    Quit
+  ${EndIf}
   ReadRegStr $R1 HKCU "${REGKEY}" "Version"
   ${If} $R1 == ""
     StrCpy $R1 "0.0.0.0"
@@ -88,38 +131,60 @@ Function .onInit
   ${If} $R2 != ""
     StrCpy $INSTDIR $R2
   ${EndIf}
+  corvalen::Log "installed version $R1 in $INSTDIR"
+  corvalen::Recover "$INSTDIR"
   ; The front end starts the helper service from its own folder.
   InitPluginsDir
   SetOutPath "$PLUGINSDIR"
   File "${BIN}/CorvalenSetup.exe"
   File "${BIN}/TandemoInstSvc.exe"
-  ; Space needed, in MB, from the sections' sizes in KB.
-  StrCpy $R3 0
-  ${ForEach} $R4 ${SecService} ${SecRegister} + 1
-    SectionGetSize $R4 $R5
-    IntOp $R3 $R3 + $R5
-  ${Next}
+  ; Nobody's working folder, neither ours nor the front end's and the service's, which inherit
+  ; it: the engine removes the plug-in folder at the end, and a working folder cannot go.
+  SetOutPath "$TEMP"
+  ; Space needed, in MB, from the staged files' sizes in KB.
+  SectionGetSize ${SecStage} $R3
   IntOp $R3 $R3 + 1023
   IntOp $R3 $R3 / 1024
-  ${GetParameters} $R6
   !insertmacro Option /fixedfolder $R7
   !insertmacro Option /unattended $R8
   corvalen::Start "$PLUGINSDIR\CorvalenSetup.exe" "$PLUGINSDIR\corvalen.ipc" "$INSTDIR" $R3 \
       "${VERSION}" $R1 $R7 $R8
   Pop $0
   ${If} $0 != "ok"
-    Abort
+    SetErrorLevel ${EXIT_FAILED}
+    Quit
   ${EndIf}
   ; Back when the user starts the installation; empty when the user or the version gate gave up.
   corvalen::WaitForChoice
   Pop $0
   ${If} $0 == ""
-    Abort
+    ${VersionCompare} $R1 "${VERSION}" $1
+    ${If} $1 == 1
+      corvalen::Log "refused: $R1 is newer than ${VERSION}"
+      SetErrorLevel ${EXIT_REFUSED}
+    ${Else}
+      corvalen::Log "cancelled before installing"
+      SetErrorLevel ${EXIT_CANCELLED}
+    ${EndIf}
+    Quit
   ${EndIf}
   StrCpy $INSTDIR $0
 FunctionEnd
 
+Function .onInstFailed
+  SetOutPath "$TEMP"
+  RMDir /r "$INSTDIR.new"
+  ${If} $EXITCODE == ${EXIT_CANCELLED}
+    corvalen::Log "cancelled by the user during the copy; nothing changed"
+  ${Else}
+    corvalen::Log "failed; nothing changed"
+    MessageBox MB_OK|MB_ICONSTOP "安装失败，原有版本未作任何更改。详情请见日志：$R9"
+  ${EndIf}
+  SetErrorLevel $EXITCODE
+FunctionEnd
+
 Function .onInstSuccess
+  SetErrorLevel ${EXIT_INSTALLED}
   corvalen::Finish
   Pop $0
   ${If} $0 == "start"
@@ -128,5 +193,18 @@ Function .onInstSuccess
 FunctionEnd
 
 Section "Uninstall"
-  !insertmacro RemoveInstalled
+  corvalen::Lock
+  Pop $0
+  ${If} $0 != "ok"
+    MessageBox MB_OK|MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
+    SetErrorLevel ${EXIT_BUSY}
+    Quit
+  ${EndIf}
+  Delete "$INSTDIR\Tandemo.exe"
+  Delete "$INSTDIR\TandemoInstSvc.exe"
+  RMDir /r "$INSTDIR\resources"
+  Delete "$INSTDIR\Uninstall.lst"
+  Delete "$INSTDIR\Uninstall.exe"
+  RMDir "$INSTDIR"
+  DeleteRegKey HKCU "${REGKEY}"
 SectionEnd

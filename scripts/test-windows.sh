@@ -10,6 +10,8 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 
 scripts/build-installer.sh
+# An older version for the upgrade stories, from the same script.
+CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc Tandemo
 

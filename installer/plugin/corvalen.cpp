@@ -7,6 +7,15 @@
 //   corvalen::Progress PERCENT   (after each section)     -> "ok" | "cancel"
 //   corvalen::Finish                                      -> "start" | "closed"
 //
+// and around them, for the installer's own guarantees (transaction.h):
+//
+//   corvalen::OpenLog PATH        every call below logs there, in UTF-8
+//   corvalen::Log TEXT
+//   corvalen::Lock                                        -> "ok" | "busy"
+//   corvalen::Recover FOLDER      finishes or undoes what an interrupted run left
+//   corvalen::Commit FOLDER       swaps in FOLDER.new     -> "done" | "locked" | "failed"
+//   corvalen::CloseSuite          ends the application suite's processes -> "ok" | "failed"
+//
 // Start writes the proposed FOLDER into IPCFILE (UTF-16LE), starts the front end with the eight
 // arguments and returns. WaitForChoice answers the front end until the user starts the
 // installation ("" when the user cancelled, the version gate refused or the front end ended).
@@ -15,9 +24,13 @@
 // the front end to end before it does. Calls that post the front end's window go through
 // src/os, as the front end's own do.
 #include "nsisapi.h"
+#include "transaction.h"
 
+#include "app/suite.h"
 #include "ipc/ipcmessages.h"
 #include "os/os.h"
+
+#include <tlhelp32.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -34,13 +47,81 @@ std::int64_t g_requiredMB = 0;
 std::wstring g_chosen;
 bool g_cancelled = false;
 bool g_startRequested = false;
+std::wstring g_frontEndFolder;
+std::wstring g_logPath;
+
+std::string utf8(const std::wstring &text)
+{
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text.c_str(), int(text.size()), nullptr, 0,
+                                      nullptr, nullptr);
+    std::string out(std::size_t(std::max(n, 0)), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), int(text.size()), out.data(), n, nullptr,
+                        nullptr);
+    return out;
+}
+
+// One line, with the local time; opened and closed each time, so that a killed installer
+// loses nothing it logged.
+void logLine(const std::wstring &text)
+{
+    if (g_logPath.empty())
+        return;
+    const HANDLE file = CreateFileW(g_logPath.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                                    OPEN_ALWAYS, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return;
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    char stamp[32];
+    wsprintfA(stamp, "%04u-%02u-%02u %02u:%02u:%02u.%03u ", now.wYear, now.wMonth, now.wDay,
+              now.wHour, now.wMinute, now.wSecond, now.wMilliseconds);
+    const std::string line = stamp + utf8(text) + "\r\n";
+    DWORD written = 0;
+    WriteFile(file, line.data(), DWORD(line.size()), &written, nullptr);
+    CloseHandle(file);
+}
+
+// The running processes whose executable lies in `folder`.
+int processesRunningFrom(const std::wstring &folder)
+{
+    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    if (snapshot == INVALID_HANDLE_VALUE)
+        return 0;
+    int count = 0;
+    PROCESSENTRY32W entry = {};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Process32FirstW(snapshot, &entry); more;
+         more = Process32NextW(snapshot, &entry)) {
+        const HANDLE process =
+            OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ProcessID);
+        if (!process)
+            continue;
+        wchar_t image[MAX_PATH * 2];
+        DWORD size = DWORD(std::size(image));
+        if (QueryFullProcessImageNameW(process, 0, image, &size) &&
+            CompareStringOrdinal(image, int(std::min<std::size_t>(size, folder.size())),
+                                 folder.c_str(), int(folder.size()), TRUE) == CSTR_EQUAL &&
+            size > folder.size() && image[folder.size()] == L'\\')
+            ++count;
+        CloseHandle(process);
+    }
+    CloseHandle(snapshot);
+    return count;
+}
 
 UINT_PTR pluginCallback(nsis::PluginMessage message)
 {
-    if (message == nsis::PluginMessage::Unload && g_window) {
+    if (message != nsis::PluginMessage::Unload)
+        return 0;
+    if (g_window) {
         DestroyWindow(g_window);
         g_window = nullptr;
     }
+    // The engine removes its plug-in folder next: the helper service the front end started
+    // from there ends a moment after the front end, and its file would stay behind.
+    for (int i = 0; i < 50 && !g_frontEndFolder.empty() && processesRunningFrom(g_frontEndFolder);
+         ++i)
+        Sleep(100);
     return 0;
 }
 
@@ -276,6 +357,7 @@ NSIS_PLUGIN_FUNCTION(Start)
     g_frontWindow = 0;
     g_chosen.clear();
     g_cancelled = g_startRequested = false;
+    g_frontEndFolder = frontEnd.substr(0, frontEnd.find_last_of(L"\\/"));
     if (!createWindow() || !writeIpcFile(ipcFile, g_proposal)) {
         stack.push(L"error");
         return;
@@ -289,6 +371,8 @@ NSIS_PLUGIN_FUNCTION(Start)
         std::to_string(platform.currentProcessId()) + " " + quoted(ansiPath(ipcFile)) + " 1";
     os::ProcessId id = 0;
     g_frontEnd = platform.startProcess(commandLine, id);
+    logLine(L"front end " + std::wstring(g_frontEnd ? L"started: " : L"could not start: ") +
+            frontEnd + L", proposing " + g_proposal);
     stack.push(g_frontEnd ? L"ok" : L"error");
 }
 
@@ -299,6 +383,8 @@ NSIS_PLUGIN_FUNCTION(WaitForChoice)
     pump([] { return !g_chosen.empty() || g_cancelled; }, INFINITE);
     if (g_cancelled)
         waitForFrontEndEnd();
+    logLine(g_cancelled || g_chosen.empty() ? L"front end: cancelled or refused before installing"
+                                            : L"front end: install into " + g_chosen);
     stack.push(g_cancelled ? std::wstring() : g_chosen);
 }
 
@@ -308,10 +394,19 @@ NSIS_PLUGIN_FUNCTION(Progress)
     nsis::Stack stack(stringSize, stackTop);
     // 100 belongs to Finish: the front end shows its completion page after it.
     const int percent = std::clamp(_wtoi(stack.pop().c_str()), 0, 99);
+    if (!g_frontEnd) { // no window to report to
+        stack.push(L"ok");
+        return;
+    }
     pump([] { return true; }, 0);
-    if (!g_cancelled && !frontEndEnded())
+    const bool cancel = g_cancelled || frontEndEnded();
+    if (cancel) {
+        logLine(L"front end closed during the copy, at " + std::to_wstring(percent) + L"%");
+        waitForFrontEndEnd();
+    } else {
         post(WM_MYPROGRESS, std::uint64_t(percent), 0);
-    stack.push(g_cancelled || frontEndEnded() ? L"cancel" : L"ok");
+    }
+    stack.push(cancel ? L"cancel" : L"ok");
 }
 
 NSIS_PLUGIN_FUNCTION(Finish)
@@ -322,4 +417,83 @@ NSIS_PLUGIN_FUNCTION(Finish)
     pump([] { return g_startRequested || g_cancelled; }, INFINITE);
     waitForFrontEndEnd();
     stack.push(g_startRequested ? L"start" : L"closed");
+}
+
+NSIS_PLUGIN_FUNCTION(OpenLog)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    g_logPath = stack.pop();
+}
+
+NSIS_PLUGIN_FUNCTION(Log)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    logLine(stack.pop());
+}
+
+// The installer's and the uninstaller's own guard, held until the process ends.
+NSIS_PLUGIN_FUNCTION(Lock)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    const bool mine =
+        os::platform().createNamedMutex("Local\\CorvalenInstaller") == os::MutexResult::Created;
+    stack.push(mine ? L"ok" : L"busy");
+}
+
+NSIS_PLUGIN_FUNCTION(Recover)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    transaction::recover(stack.pop(), logLine);
+}
+
+NSIS_PLUGIN_FUNCTION(Commit)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    switch (transaction::commit(stack.pop(), logLine)) {
+    case transaction::Result::Done:
+        stack.push(L"done");
+        break;
+    case transaction::Result::Locked:
+        stack.push(L"locked");
+        break;
+    case transaction::Result::Failed:
+        stack.push(L"failed");
+        break;
+    }
+}
+
+// Ends the suite's processes, as the front end does before installing, and waits for them.
+NSIS_PLUGIN_FUNCTION(CloseSuite)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    os::Platform &platform = os::platform();
+    const auto running = [&platform](bool end) {
+        std::vector<os::ProcessEntry> processes;
+        std::uint32_t error = 0;
+        int count = 0;
+        if (!platform.snapshotProcesses(processes, error))
+            return -1;
+        for (const char *name : kAppSuiteExecutables)
+            for (const os::ProcessEntry &process : processes)
+                if (lstrcmpiA(process.exeName.c_str(), name) == 0) {
+                    ++count;
+                    if (end) {
+                        logLine(L"ending " + std::wstring(name, name + lstrlenA(name)));
+                        platform.terminateProcess(process.id);
+                    }
+                }
+        return count;
+    };
+    int left = running(true);
+    for (int waitedMs = 0; left > 0 && waitedMs < 5000; waitedMs += 100) {
+        Sleep(100);
+        left = running(false);
+    }
+    stack.push(left == 0 ? L"ok" : L"failed");
 }

@@ -1,4 +1,5 @@
 #include "app/global.h"
+#include "app/suite.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -186,7 +187,11 @@ void quitLater(int ms)
 
 const QStringList &appSuiteProcessNames()
 {
-    static const QStringList names{"Tandemo.exe", "Skeinpad.exe", "Lumaslate.exe", "Ferrilog.exe",
-                                   "TandemoSvc.exe"};
+    static const QStringList names = [] {
+        QStringList out;
+        for (const char *name : kAppSuiteExecutables)
+            out << QString::fromLatin1(name);
+        return out;
+    }();
     return names;
 }

@@ -396,7 +396,7 @@ private slots:
         QCOMPARE(m_started.last()->exitCode(), 0);
         QVERIFY(ours(kFrontEnd).isEmpty()); // the installer outlives its window
         QCOMPARE(registry("Version"), QString("3.0.0.5"));
-        QVERIFY(sameTree(kWindowsBin + "/../installer-payload", m_installDir + "/resources"));
+        QVERIFY(sameTree(payloadOf("3.0.0.5"), m_installDir + "/resources"));
         QVERIFY(QFileInfo::exists(m_installDir + "/TandemoInstSvc.exe"));
         QTRY_COMPARE_WITH_TIMEOUT(ours("Tandemo.exe").size(), 1, 10000); // "start using"
         // Unattended: asked only about the version, the running application closed unasked.
@@ -423,6 +423,7 @@ private slots:
     {
         QFETCH(bool, kill);
         resetInstallation();
+        const int folders = pluginFolders();
         QProcess *installer = start(kInstaller, {});
         const QString main = waitWindow(kMainFolded, 60000);
         QVERIFY(!main.isEmpty());
@@ -439,13 +440,128 @@ private slots:
             clickAt(main, kClose);
             clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
             QVERIFY(installer->waitForFinished(15000));
-            QVERIFY(installer->exitCode() != 0);
+            QCOMPARE(installer->exitCode(), 1); // cancelled by the user
+            QCOMPARE(pluginFolders(), folders);
         }
-        QVERIFY(!QFileInfo::exists(m_installDir));
+        QVERIFY(!QFileInfo::exists(m_installDir) && !QFileInfo::exists(m_installDir + ".new"));
         QCOMPARE(registry("Version"), QString());
     }
 
+    // 2.0.0.0 installed, then 3.0.0.5 over it, ended on the way: the front end closed during
+    // the copy, the installer killed at moments spread over the run, a second installer started
+    // meanwhile. The installation is then one version whole, its registered one: 2.0.0.0 as it
+    // was while the new files were still being staged. The application's own value survives.
+    void installerUpgradeInterrupted_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::addColumn<int>(
+            "staged"); // files in the stage by then; -1 the choice page, 99 swapped
+        QTest::newRow("closed during the copy") << "close" << 3;
+        QTest::newRow("killed at the choice page") << "kill" << -1;
+        QTest::newRow("killed after a file") << "kill" << 1;
+        QTest::newRow("killed halfway") << "kill" << 4;
+        QTest::newRow("killed with everything staged") << "kill" << 8;
+        QTest::newRow("killed after the swap") << "kill" << 99;
+        QTest::newRow("a second installer meanwhile") << "second" << 3;
+    }
+    void installerUpgradeInterrupted()
+    {
+        QFETCH(QString, how);
+        QFETCH(int, staged);
+        resetInstallation();
+        start(kInstaller.section(".exe", 0, 0) + "-2.0.0.0.exe", {"/unattended"});
+        QString main = waitWindow(kMainFolded, 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
+        clickAt(main, kClose);
+        QTRY_COMPARE_WITH_TIMEOUT(m_started.last()->state(), QProcess::NotRunning, 10000);
+        QVERIFY(!QFileInfo::exists(m_installDir + ".new"));
+        // The user's own file in the folder: it stays, whichever version ends up there.
+        QVERIFY(QDir(m_installDir).mkpath("notes") &&
+                QFile::copy(kPayload + "/checked_normal.png", m_installDir + "/notes/mine.png"));
+        run("/usr/lib/wine/wine64",
+            {"reg", "add", "HKCU\\Software\\Corvalen", "/v", "AddedByApp", "/d", "kept", "/f"});
+        const QString log = m_dir.path() + "/installer.log";
+        const int folders = pluginFolders();
+        QProcess *installer = start(kInstaller, {"/LOG=" + native(log)});
+        QVERIFY(!(main = waitWindow(kMainFolded, 60000)).isEmpty());
+        // Held from the choice on, and let run 5 ms at a time up to the moment; the front end,
+        // a process of its own, goes on.
+        const pid_t pid = pid_t(ours(QFileInfo(kInstaller).fileName()).value(0));
+        ::kill(pid, SIGSTOP);
+        if (staged >= 0) {
+            clickAt(main, kCheckBox);
+            clickAt(main, kInstall);
+        }
+        const QString stage = m_installDir + ".new";
+        const auto reached = [&] {
+            if (staged == 99)
+                return registry("Version") == "3.0.0.5";
+            QDirIterator files(stage, QDir::Files, QDirIterator::Subdirectories);
+            int n = 0;
+            for (; files.hasNext(); files.next())
+                ++n;
+            return n >= staged;
+        };
+        QElapsedTimer clock;
+        clock.start();
+        while (!reached() && clock.elapsed() < 30000) {
+            ::kill(pid, SIGCONT);
+            QThread::usleep(5000);
+            ::kill(pid, SIGSTOP);
+        }
+        if (how == "kill")
+            ::kill(pid, SIGKILL);
+        if (how == "close") {
+            clickAt(main, kClose);
+            clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
+        }
+        if (how == "second") {
+            QProcess *second = start(kInstaller, {});
+            QString box;
+            QTRY_VERIFY_WITH_TIMEOUT(
+                !(box = run("xdotool", {"search", "--onlyvisible", "--name", "^Corvalen"})
+                            .split('\n')
+                            .filter(QRegularExpression("^(?!" + main + "$)"))
+                            .value(0))
+                     .isEmpty(),
+                30000);
+            run("xdotool", {"windowfocus", "--sync", box, "key", "Return"});
+            QVERIFY(second->waitForFinished(10000));
+            QCOMPARE(second->exitCode(), 4); // another installer running
+        }
+        ::kill(pid, SIGCONT);
+        if (how == "second") {
+            QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
+            clickAt(main, kClose);
+        }
+        if (how != "kill") {
+            QVERIFY(installer->waitForFinished(30000));
+            QCOMPARE(installer->exitCode(), how == "close" ? 1 : 0);
+            QCOMPARE(pluginFolders(), folders);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 5000);
+        const QString version = registry("Version");
+        qInfo("%s installed", qPrintable(version));
+        // With everything staged the swap may come within the last 5 ms: either, but whole.
+        if (staged != 8)
+            QCOMPARE(version, QString(how == "second" || staged == 99 ? "3.0.0.5" : "2.0.0.0"));
+        QVERIFY(sameTree(payloadOf(version), m_installDir + "/resources"));
+        QVERIFY(QFileInfo::exists(m_installDir + "/Tandemo.exe"));
+        QVERIFY(QFileInfo::exists(m_installDir + "/notes/mine.png"));
+        QCOMPARE(registry("AddedByApp"), QString("kept"));
+        QFile file(log);
+        QVERIFY(file.open(QFile::ReadOnly));
+        const QByteArray said = file.readAll();
+        QVERIFY(how == "kill" ||
+                said.contains(how == "close" ? "cancelled by the user during the copy"
+                                             : "installed 3.0.0.5"));
+    }
+
 private:
+    QString payloadOf(const QString &version) const
+    {
+        return kWindowsBin + "/../installer-payload-" + version;
+    }
     QProcess *start(const QString &program, const QStringList &args)
     {
         auto *p = new QProcess;
@@ -499,8 +615,17 @@ private:
                            .filter(QRegularExpression("^(?!Public$)"))
                            .value(0) +
                        "/AppData/Local/Programs/Tandemo";
+        // A killed run's stage stays: the next run removes it.
         QDir(m_installDir).removeRecursively();
+        QDir(m_installDir + ".old").removeRecursively();
         run("/usr/lib/wine/wine64", {"reg", "delete", "HKCU\\Software\\Corvalen", "/f"});
+    }
+    // The installer's plug-in folders in the user's %TEMP%.
+    int pluginFolders() const
+    {
+        return QDir(QFileInfo(m_installDir + "/../../../../Temp").absoluteFilePath())
+            .entryList({"ns*.tmp"}, QDir::Dirs)
+            .size();
     }
     QString registry(const QString &value)
     {

@@ -1,0 +1,32 @@
+// What makes an install or an upgrade all or nothing. The script writes the new tree beside the
+// installation, in "<folder>.new" (the same volume, so that moving it is a rename); commit puts
+// it in the folder's place with two renames, the old tree waiting as "<folder>.old". Then the
+// script registers the new version and recover finishes: the files the user added to the old
+// tree are carried over and the old tree goes. A run that ends anywhere on the way is finished
+// or undone by the next one (recover again), before it does anything else.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace transaction {
+
+using Log = std::function<void(const std::wstring &)>;
+
+enum class Result
+{
+    Done,
+    Locked, // the installed tree is in use: nothing changed
+    Failed  // nothing changed
+};
+
+// The list of what an install put into its folder, one relative path a line (UTF-8), kept in
+// the folder itself: what an upgrade replaces and the uninstaller removes.
+inline const wchar_t kManifest[] = L"Uninstall.lst";
+
+std::wstring stageOf(const std::wstring &folder);
+Result commit(const std::wstring &folder, const Log &log);
+void recover(const std::wstring &folder, const Log &log);
+bool removeTree(const std::wstring &path);
+
+} // namespace transaction
