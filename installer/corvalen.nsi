@@ -2,7 +2,9 @@
 ; driven through the corvalen plug-in (installer/plugin). scripts/build-installer.sh runs:
 ;   makensis -DBIN=<Windows programs> -DSTAGED=<generated file list, without extension>
 ;            -DPLUGINS=<corvalen.dll> -DOUT=<installer> -DVERSION=x.x.x.x installer/corvalen.nsi
-; Options of the installer: /unattended (installs at once, no agreement, running copies of the
+; Options of the installer: /S (no window at all: into /D= when given, else the registered folder,
+; else the default; the same or an older version replaced, a newer one refused, running copies of
+; the application closed), /unattended (installs at once, no agreement, running copies of the
 ; application closed unasked), /fixedfolder (the folder cannot be changed), /LOG=path (else
 ; %TEMP%\CorvalenInstaller.log).
 ;
@@ -22,6 +24,8 @@ SilentInstall silent
 AllowSkipFiles off
 
 !define REGKEY "Software\Corvalen"
+!define UNINSTKEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\Corvalen"
+!define DEFAULTDIR "$LOCALAPPDATA\Programs\Tandemo"
 ; Exit codes, documented in the README.
 !define EXIT_INSTALLED 0
 !define EXIT_CANCELLED 1
@@ -31,7 +35,7 @@ AllowSkipFiles off
 
 Name "Corvalen"
 OutFile "${OUT}"
-InstallDir "$LOCALAPPDATA\Programs\Tandemo"
+InstallDir "${DEFAULTDIR}"
 !addplugindir /amd64-unicode "${PLUGINS}"
 
 !include FileFunc.nsh
@@ -40,6 +44,14 @@ InstallDir "$LOCALAPPDATA\Programs\Tandemo"
 
 Var STAGE
 Var EXITCODE ; of a run that does not install
+Var QUIET ; 1 with /S: no window, no question, no message
+
+; A message, unless the run is quiet.
+!macro Tell ICON TEXT
+  ${If} $QUIET != 1
+    MessageBox MB_OK|${ICON} "${TEXT}"
+  ${EndIf}
+!macroend
 
 ; One staged file, then the share of the copy done; the user may have closed the front end.
 !macro Stage SOURCE PERCENT
@@ -97,17 +109,35 @@ Section "-Commit"
   ${If} $0 != "done"
     Abort
   ${EndIf}
-  ; Registered the moment the new tree is in place; then the user's files carried over and the
-  ; old tree removed.
+  ; Registered the moment the new tree is in place with the user's files; then the old tree
+  ; removed.
   WriteRegStr HKCU "${REGKEY}" "Version" "${VERSION}"
   WriteRegStr HKCU "${REGKEY}" "InstallDir" "$INSTDIR"
   corvalen::Recover "$INSTDIR"
+  ; Apps & features, and the shortcuts.
+  WriteRegStr HKCU "${UNINSTKEY}" "DisplayName" "Corvalen"
+  WriteRegStr HKCU "${UNINSTKEY}" "DisplayVersion" "${VERSION}"
+  WriteRegStr HKCU "${UNINSTKEY}" "Publisher" "Corvalen"
+  WriteRegStr HKCU "${UNINSTKEY}" "DisplayIcon" "$INSTDIR\Tandemo.exe"
+  WriteRegStr HKCU "${UNINSTKEY}" "InstallLocation" "$INSTDIR"
+  WriteRegStr HKCU "${UNINSTKEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
+  WriteRegStr HKCU "${UNINSTKEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S'
+  ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
+  WriteRegDWORD HKCU "${UNINSTKEY}" "EstimatedSize" $0
+  WriteRegDWORD HKCU "${UNINSTKEY}" "NoModify" 1
+  WriteRegDWORD HKCU "${UNINSTKEY}" "NoRepair" 1
+  ${GetTime} "" "L" $0 $1 $2 $3 $4 $5 $6
+  WriteRegStr HKCU "${UNINSTKEY}" "InstallDate" "$2$1$0"
+  CreateShortCut "$SMPROGRAMS\Corvalen.lnk" "$INSTDIR\Tandemo.exe"
+  CreateShortCut "$DESKTOP\Corvalen.lnk" "$INSTDIR\Tandemo.exe"
   corvalen::Log "installed ${VERSION} in $INSTDIR"
 SectionEnd
 
 Function .onInit
   StrCpy $EXITCODE ${EXIT_FAILED}
+  StrCpy $R5 $INSTDIR ; /D= when given, else the default
   ${GetParameters} $R6
+  !insertmacro Option /S $QUIET
   ClearErrors
   ${GetOptions} $R6 "/LOG=" $R9
   ${If} ${Errors}
@@ -119,7 +149,7 @@ Function .onInit
   Pop $0
   ${If} $0 != "ok"
     corvalen::Log "another installer or uninstaller is running"
-    MessageBox MB_OK|MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
+    !insertmacro Tell MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
     SetErrorLevel ${EXIT_BUSY}
     Quit
   ${EndIf}
@@ -129,10 +159,22 @@ Function .onInit
   ${EndIf}
   ReadRegStr $R2 HKCU "${REGKEY}" "InstallDir"
   ${If} $R2 != ""
+  ${AndIf} $R5 == "${DEFAULTDIR}"
     StrCpy $INSTDIR $R2
   ${EndIf}
-  corvalen::Log "installed version $R1 in $INSTDIR"
+  corvalen::Log "installed version $R1; installing into $INSTDIR"
   corvalen::Recover "$INSTDIR"
+  ${If} $QUIET == 1
+    ${VersionCompare} $R1 "${VERSION}" $1
+    ${If} $1 == 1
+      corvalen::Log "refused: $R1 is newer than ${VERSION}"
+      SetErrorLevel ${EXIT_REFUSED}
+      Quit
+    ${EndIf}
+    corvalen::CloseSuite
+    Pop $0
+    Return
+  ${EndIf}
   ; The front end starts the helper service from its own folder.
   InitPluginsDir
   SetOutPath "$PLUGINSDIR"
@@ -178,7 +220,7 @@ Function .onInstFailed
     corvalen::Log "cancelled by the user during the copy; nothing changed"
   ${Else}
     corvalen::Log "failed; nothing changed"
-    MessageBox MB_OK|MB_ICONSTOP "安装失败，原有版本未作任何更改。详情请见日志：$R9"
+    !insertmacro Tell MB_ICONSTOP "安装失败，原有版本未作任何更改。详情请见日志：$R9"
   ${EndIf}
   SetErrorLevel $EXITCODE
 FunctionEnd
@@ -206,5 +248,8 @@ Section "Uninstall"
   Delete "$INSTDIR\Uninstall.lst"
   Delete "$INSTDIR\Uninstall.exe"
   RMDir "$INSTDIR"
+  Delete "$SMPROGRAMS\Corvalen.lnk"
+  Delete "$DESKTOP\Corvalen.lnk"
+  DeleteRegKey HKCU "${UNINSTKEY}"
   DeleteRegKey HKCU "${REGKEY}"
 SectionEnd

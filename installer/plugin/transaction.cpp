@@ -124,7 +124,8 @@ void carryUserFiles(const std::wstring &from, const std::wstring &to, const std:
     FindClose(find);
 }
 
-// After the swap: the user's files carried over, the old tree gone.
+// After the swap: the user's files carried over (by commit, unless it was stopped), the old tree
+// gone.
 void finish(const std::wstring &folder, const Log &log)
 {
     const std::wstring old = folder + L".old";
@@ -194,6 +195,8 @@ Result commit(const std::wstring &folder, const Log &log)
         return Result::Failed;
     }
     log(L"commit: " + stage + L" is now " + folder);
+    if (upgrade)
+        carryUserFiles(old, folder, L"", installedFiles(old), log);
     return Result::Done;
 }
 

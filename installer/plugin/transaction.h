@@ -1,9 +1,9 @@
 // What makes an install or an upgrade all or nothing. The script writes the new tree beside the
 // installation, in "<folder>.new" (the same volume, so that moving it is a rename); commit puts
-// it in the folder's place with two renames, the old tree waiting as "<folder>.old". Then the
-// script registers the new version and recover finishes: the files the user added to the old
-// tree are carried over and the old tree goes. A run that ends anywhere on the way is finished
-// or undone by the next one (recover again), before it does anything else.
+// it in the folder's place with two renames, the old tree moved aside as "<folder>.old", and
+// carries over the files the user added to it. Then the script registers the new version and
+// recover finishes: the old tree goes. A run that ends anywhere on the way is finished or undone
+// by the next one (recover again), before it does anything else.
 #pragma once
 
 #include <functional>

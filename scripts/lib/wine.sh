@@ -40,9 +40,16 @@ Windows Registry Editor Version 5.00
 "Auto"="0"
 REG
 )
-    local stamp
+    local stamp link
     stamp="$WINEPREFIX/.corvalen-ready-$(md5sum <<<"$settings" | cut -c1-12)"
-    [ -f "$stamp" ] && return 0
+    if [ -f "$stamp" ]; then
+        # Wine links the user's Desktop, Documents, ... to $HOME: what the programs under test
+        # put there (the installer's shortcut) stays inside the prefix.
+        for link in "$WINEPREFIX"/drive_c/users/*/*; do
+            [ -L "$link" ] && rm "$link" && mkdir "$link"
+        done
+        return 0
+    fi
     rm -rf "$WINEPREFIX"
     mkdir -p "$WINEPREFIX"
     DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
@@ -52,6 +59,7 @@ REG
         { echo "wine.sh: regedit could not apply the prefix's settings" >&2; return 1; }
     "$WINESERVER" -w # the registry is written out when the server ends by itself
     touch "$stamp"
+    wine_prefix "$@"
 }
 
 # A Linux path as Wine's Z: drive names it.

@@ -21,6 +21,8 @@ namespace {
 const QString kLinuxBin = CORVALEN_BIN_DIR;
 const QString kWindowsBin = qEnvironmentVariable("CORVALEN_WINDOWS_BIN");
 const QString kInstaller = qEnvironmentVariable("CORVALEN_INSTALLER");
+const QString kUninstallKey =
+    "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Corvalen";
 const QString kPayload = CORVALEN_PAYLOAD_DIR; // the application's files: any folder of files
 const bool kWine = !kWindowsBin.isEmpty();
 const QString kBin = kWine ? kWindowsBin : kLinuxBin, kExe = kWine ? ".exe" : "";
@@ -382,7 +384,6 @@ private slots:
         startApplication("Tandemo");
         start(kInstaller, {});
         QString main = waitWindow(kMainFolded, 60000);
-        QVERIFY(!main.isEmpty());
         clickAt(main, kMoreOptions); // the proposal and the disk figures
         QVERIFY(!(main = waitWindow(kMainUnfolded, 5000)).isEmpty());
         savePage(main, "installer-choice");
@@ -395,14 +396,11 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(m_started.last()->state() == QProcess::NotRunning, 10000);
         QCOMPARE(m_started.last()->exitCode(), 0);
         QVERIFY(ours(kFrontEnd).isEmpty()); // the installer outlives its window
-        QCOMPARE(registry("Version"), QString("3.0.0.5"));
-        QVERIFY(sameTree(payloadOf("3.0.0.5"), m_installDir + "/resources"));
         QVERIFY(QFileInfo::exists(m_installDir + "/TandemoInstSvc.exe"));
         QTRY_COMPARE_WITH_TIMEOUT(ours("Tandemo.exe").size(), 1, 10000); // "start using"
         // Unattended: asked only about the version, the running application closed unasked.
         start(kInstaller, {"/unattended"});
         QString box = waitWindow(kMsgBox, 60000);
-        QVERIFY(!box.isEmpty());
         savePage(box, "installer-overwrite-question");
         QVERIFY_SCREEN(box, "overwrite-question");
         clickAt(box, kMsgOK);
@@ -413,77 +411,45 @@ private slots:
 
     // Closed at the choice page, the installer ends and leaves nothing; killed, it takes the
     // front end with it.
-    void installerCancelledOrKilled_data()
+    // A first install, and 2.0.0.0 installed then 3.0.0.5 over it, ended on the way: the front
+    // end closed, the installer killed at moments spread over the run (the front end follows),
+    // a second installer started meanwhile. Afterwards one version is installed whole, its
+    // registered one (2.0.0.0 as it was while the new files were being staged), or nothing at
+    // all; the application's own registry value and the user's own file survive.
+    void installerInterrupted_data()
     {
-        QTest::addColumn<bool>("kill");
-        QTest::newRow("cancelled") << false;
-        QTest::newRow("killed") << true;
-    }
-    void installerCancelledOrKilled()
-    {
-        QFETCH(bool, kill);
-        resetInstallation();
-        const int folders = pluginFolders();
-        QProcess *installer = start(kInstaller, {});
-        const QString main = waitWindow(kMainFolded, 60000);
-        QVERIFY(!main.isEmpty());
-        if (kill) {
-            // The watchdog's one-second tick and the time a process takes to end: a generous
-            // bound, the figure printed.
-            QCOMPARE(ours(QFileInfo(kInstaller).fileName()).size(), 1);
-            ::kill(pid_t(ours(QFileInfo(kInstaller).fileName()).first()), SIGKILL);
-            QElapsedTimer clock;
-            clock.start();
-            QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 3000);
-            qInfo("front end gone %lld ms after the installer", clock.elapsed());
-        } else {
-            clickAt(main, kClose);
-            clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
-            QVERIFY(installer->waitForFinished(15000));
-            QCOMPARE(installer->exitCode(), 1); // cancelled by the user
-            QCOMPARE(pluginFolders(), folders);
-        }
-        QVERIFY(!QFileInfo::exists(m_installDir) && !QFileInfo::exists(m_installDir + ".new"));
-        QCOMPARE(registry("Version"), QString());
-    }
-
-    // 2.0.0.0 installed, then 3.0.0.5 over it, ended on the way: the front end closed during
-    // the copy, the installer killed at moments spread over the run, a second installer started
-    // meanwhile. The installation is then one version whole, its registered one: 2.0.0.0 as it
-    // was while the new files were still being staged. The application's own value survives.
-    void installerUpgradeInterrupted_data()
-    {
+        QTest::addColumn<bool>("upgrade");
         QTest::addColumn<QString>("how");
-        QTest::addColumn<int>(
-            "staged"); // files in the stage by then; -1 the choice page, 99 swapped
-        QTest::newRow("closed during the copy") << "close" << 3;
-        QTest::newRow("killed at the choice page") << "kill" << -1;
-        QTest::newRow("killed after a file") << "kill" << 1;
-        QTest::newRow("killed halfway") << "kill" << 4;
-        QTest::newRow("killed with everything staged") << "kill" << 8;
-        QTest::newRow("killed after the swap") << "kill" << 99;
-        QTest::newRow("a second installer meanwhile") << "second" << 3;
+        QTest::addColumn<int>("staged"); // files staged by then; -1 the choice page, 99 swapped
+        QTest::newRow("first install closed") << false << "close" << -1;
+        QTest::newRow("first install killed") << false << "kill" << -1;
+        QTest::newRow("closed during the copy") << true << "close" << 3;
+        QTest::newRow("killed at the choice page") << true << "kill" << -1;
+        QTest::newRow("killed after a file") << true << "kill" << 1;
+        QTest::newRow("killed halfway") << true << "kill" << 4;
+        QTest::newRow("killed with everything staged") << true << "kill" << 8;
+        QTest::newRow("killed after the swap") << true << "kill" << 99;
+        QTest::newRow("a second installer meanwhile") << true << "second" << 3;
     }
-    void installerUpgradeInterrupted()
+    void installerInterrupted()
     {
+        QFETCH(bool, upgrade);
         QFETCH(QString, how);
         QFETCH(int, staged);
         resetInstallation();
-        start(kInstaller.section(".exe", 0, 0) + "-2.0.0.0.exe", {"/unattended"});
-        QString main = waitWindow(kMainFolded, 60000);
-        QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
-        clickAt(main, kClose);
-        QTRY_COMPARE_WITH_TIMEOUT(m_started.last()->state(), QProcess::NotRunning, 10000);
-        QVERIFY(!QFileInfo::exists(m_installDir + ".new"));
-        // The user's own file in the folder: it stays, whichever version ends up there.
-        QVERIFY(QDir(m_installDir).mkpath("notes") &&
+        if (upgrade) {
+            QCOMPARE(installQuietly("2.0.0.0"), 0);
+            QVERIFY(!QFileInfo::exists(m_installDir + ".new")); // a killed run's, removed
+            QVERIFY(
+                QDir(m_installDir).mkpath("notes") &&
                 QFile::copy(kPayload + "/checked_normal.png", m_installDir + "/notes/mine.png"));
-        run("/usr/lib/wine/wine64",
-            {"reg", "add", "HKCU\\Software\\Corvalen", "/v", "AddedByApp", "/d", "kept", "/f"});
-        const QString log = m_dir.path() + "/installer.log";
+            run("/usr/lib/wine/wine64",
+                {"reg", "add", "HKCU\\Software\\Corvalen", "/v", "AddedByApp", "/d", "kept", "/f"});
+        }
         const int folders = pluginFolders();
-        QProcess *installer = start(kInstaller, {"/LOG=" + native(log)});
-        QVERIFY(!(main = waitWindow(kMainFolded, 60000)).isEmpty());
+        QProcess *installer = start(kInstaller, {"/LOG=" + native(logFile())});
+        const QString main = waitWindow(kMainFolded, 60000);
+        QVERIFY(!main.isEmpty());
         // Held from the choice on, and let run 5 ms at a time up to the moment; the front end,
         // a process of its own, goes on.
         const pid_t pid = pid_t(ours(QFileInfo(kInstaller).fileName()).value(0));
@@ -492,11 +458,10 @@ private slots:
             clickAt(main, kCheckBox);
             clickAt(main, kInstall);
         }
-        const QString stage = m_installDir + ".new";
         const auto reached = [&] {
             if (staged == 99)
                 return registry("Version") == "3.0.0.5";
-            QDirIterator files(stage, QDir::Files, QDirIterator::Subdirectories);
+            QDirIterator files(m_installDir + ".new", QDir::Files, QDirIterator::Subdirectories);
             int n = 0;
             for (; files.hasNext(); files.next())
                 ++n;
@@ -539,9 +504,15 @@ private slots:
             QCOMPARE(installer->exitCode(), how == "close" ? 1 : 0);
             QCOMPARE(pluginFolders(), folders);
         }
-        QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 5000);
+        // The watchdog's one-second tick and the time a process takes to end.
+        QTRY_VERIFY_WITH_TIMEOUT(ours(kFrontEnd).isEmpty(), 3000);
         const QString version = registry("Version");
         qInfo("%s installed", qPrintable(version));
+        if (!upgrade) {
+            QVERIFY(!QFileInfo::exists(m_installDir) && !QFileInfo::exists(m_installDir + ".new"));
+            QCOMPARE(version, QString());
+            return;
+        }
         // With everything staged the swap may come within the last 5 ms: either, but whole.
         if (staged != 8)
             QCOMPARE(version, QString(how == "second" || staged == 99 ? "3.0.0.5" : "2.0.0.0"));
@@ -549,12 +520,48 @@ private slots:
         QVERIFY(QFileInfo::exists(m_installDir + "/Tandemo.exe"));
         QVERIFY(QFileInfo::exists(m_installDir + "/notes/mine.png"));
         QCOMPARE(registry("AddedByApp"), QString("kept"));
-        QFile file(log);
-        QVERIFY(file.open(QFile::ReadOnly));
-        const QByteArray said = file.readAll();
         QVERIFY(how == "kill" ||
-                said.contains(how == "close" ? "cancelled by the user during the copy"
-                                             : "installed 3.0.0.5"));
+                installerLog().contains(how == "close" ? "cancelled by the user during the copy"
+                                                       : "installed 3.0.0.5"));
+    }
+
+    // Deployed quietly: /S shows no window, honours /D=, replaces the same or an older version
+    // and refuses a newer one; Apps & features and the shortcuts name what is installed.
+    void installerSilent_data()
+    {
+        QTest::addColumn<QString>("previous"); // installed before, quietly
+        QTest::addColumn<QString>("version");  // the installer then run
+        QTest::addColumn<bool>("elsewhere");   // into a folder given with /D=
+        QTest::addColumn<int>("exitCode");
+        QTest::newRow("first install, /D=") << ""
+                                            << "3.0.0.5" << true << 0;
+        QTest::newRow("upgrade") << "2.0.0.0"
+                                 << "3.0.0.5" << false << 0;
+        QTest::newRow("same version, /D= elsewhere") << "3.0.0.5"
+                                                     << "3.0.0.5" << true << 0;
+        QTest::newRow("downgrade refused") << "3.0.0.5"
+                                           << "2.0.0.0" << false << 3;
+    }
+    void installerSilent()
+    {
+        QFETCH(QString, previous);
+        QFETCH(QString, version);
+        QFETCH(bool, elsewhere);
+        QFETCH(int, exitCode);
+        resetInstallation();
+        QVERIFY(previous.isEmpty() || installQuietly(previous) == 0);
+        const QString folder = elsewhere ? m_dir.path() + "/elsewhere" : m_installDir;
+        QCOMPARE(installQuietly(version, elsewhere ? "/D=" + native(folder) : QString()), exitCode);
+        const QString installed = exitCode == 0 ? version : previous;
+        QCOMPARE(registry("Version"), installed);
+        QCOMPARE(registry("DisplayVersion", kUninstallKey), installed);
+        QVERIFY(registry("InstallLocation", kUninstallKey)
+                    .endsWith(elsewhere ? "\\elsewhere" : "\\Programs\\Tandemo"));
+        QVERIFY(sameTree(payloadOf(installed), folder + "/resources"));
+        for (const char *shortcut :
+             {"Desktop", "AppData/Roaming/Microsoft/Windows/Start Menu/Programs"})
+            QVERIFY(QFileInfo::exists(userFolder(shortcut) + "/Corvalen.lnk"));
+        QVERIFY(!installerLog().contains("front end")); // never started
     }
 
 private:
@@ -588,6 +595,7 @@ private:
         start(copy, {"60"});
         QTRY_COMPARE_WITH_TIMEOUT(ours(name + ".exe").size(), 1, 10000);
     }
+    // The engine's log: the reference engine's JSON lines, or the installer's own.
     QString logFile() const { return m_dir.path() + "/engine.jsonl"; }
     // "msg/wParam" of every message the engine logged in one direction.
     QStringList messages(const QString &dir) const
@@ -618,20 +626,41 @@ private:
         // A killed run's stage stays: the next run removes it.
         QDir(m_installDir).removeRecursively();
         QDir(m_installDir + ".old").removeRecursively();
-        run("/usr/lib/wine/wine64", {"reg", "delete", "HKCU\\Software\\Corvalen", "/f"});
+        for (const QString &key : {QString("HKCU\\Software\\Corvalen"), kUninstallKey})
+            run("/usr/lib/wine/wine64", {"reg", "delete", key, "/f"});
+        for (const char *shortcut :
+             {"Desktop", "AppData/Roaming/Microsoft/Windows/Start Menu/Programs"})
+            QFile::remove(userFolder(shortcut) + "/Corvalen.lnk");
+    }
+    // A folder of the Wine user's, such as "Temp" or "Desktop".
+    QString userFolder(const QString &name) const
+    {
+        return QFileInfo(m_installDir + "/../../../../" + name).absoluteFilePath();
     }
     // The installer's plug-in folders in the user's %TEMP%.
     int pluginFolders() const
     {
-        return QDir(QFileInfo(m_installDir + "/../../../../Temp").absoluteFilePath())
-            .entryList({"ns*.tmp"}, QDir::Dirs)
-            .size();
+        return QDir(userFolder("Temp")).entryList({"ns*.tmp"}, QDir::Dirs).size();
     }
-    QString registry(const QString &value)
+    QString registry(const QString &value, const QString &key = "HKCU\\Software\\Corvalen")
     {
-        const QString out =
-            run("/usr/lib/wine/wine64", {"reg", "query", "HKCU\\Software\\Corvalen", "/v", value});
-        return QRegularExpression(value + "\\s+REG_SZ\\s+(\\S+)").match(out).captured(1);
+        const QString out = run("/usr/lib/wine/wine64", {"reg", "query", key, "/v", value});
+        return QRegularExpression(value + "\\s+REG_SZ\\s+(.+)").match(out).captured(1).trimmed();
+    }
+    // Runs that version's installer with /S (and `more`), logging to logFile(): its exit code.
+    int installQuietly(const QString &version, const QString &more = QString())
+    {
+        const QString installer = version == "3.0.0.5"
+                                      ? kInstaller
+                                      : kInstaller.section(".exe", 0, 0) + "-" + version + ".exe";
+        QProcess *p = start(installer, QStringList{"/S", "/LOG=" + native(logFile())} +
+                                           (more.isEmpty() ? QStringList() : QStringList{more}));
+        return p->waitForFinished(60000) ? p->exitCode() : -1;
+    }
+    QByteArray installerLog() const
+    {
+        QFile file(logFile());
+        return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
     }
     void savePage(const QString &window, const QString &name)
     {
