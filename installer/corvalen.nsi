@@ -234,22 +234,44 @@ Function .onInstSuccess
   ${EndIf}
 FunctionEnd
 
-Section "Uninstall"
+; The uninstaller: no NSIS window; asks first, quietly with /S (which returns as soon as NSIS
+; has started the uninstaller's copy in %TEMP%); the suite's processes closed; exactly what the
+; install put removed, and the folder when the user put nothing there.
+SilentUnInstall silent
+
+Function un.onInit
+  ${GetParameters} $R6
+  !insertmacro Option /S $QUIET
+  corvalen::OpenLog "$TEMP\CorvalenInstaller.log"
+  corvalen::Log "Corvalen uninstaller started for $INSTDIR: $R6"
   corvalen::Lock
   Pop $0
   ${If} $0 != "ok"
-    MessageBox MB_OK|MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
+    corvalen::Log "another installer or uninstaller is running"
+    !insertmacro Tell MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
     SetErrorLevel ${EXIT_BUSY}
     Quit
   ${EndIf}
-  Delete "$INSTDIR\Tandemo.exe"
-  Delete "$INSTDIR\TandemoInstSvc.exe"
-  RMDir /r "$INSTDIR\resources"
-  Delete "$INSTDIR\Uninstall.lst"
-  Delete "$INSTDIR\Uninstall.exe"
-  RMDir "$INSTDIR"
+  ${If} $QUIET != 1
+  ${AndIf} ${Cmd} `MessageBox MB_YESNO|MB_ICONQUESTION "确定要卸载 Corvalen 吗？" IDNO`
+    corvalen::Log "uninstall declined"
+    SetErrorLevel ${EXIT_CANCELLED}
+    Quit
+  ${EndIf}
+FunctionEnd
+
+Section "Uninstall"
+  corvalen::CloseSuite
+  Pop $0
+  SetOutPath "$TEMP"
+  corvalen::RemoveInstalled "$INSTDIR"
+  Pop $0
   Delete "$SMPROGRAMS\Corvalen.lnk"
   Delete "$DESKTOP\Corvalen.lnk"
   DeleteRegKey HKCU "${UNINSTKEY}"
   DeleteRegKey HKCU "${REGKEY}"
+  corvalen::Log "uninstalled from $INSTDIR: $0"
+  ${If} $0 != "ok"
+    SetErrorLevel ${EXIT_FAILED}
+  ${EndIf}
 SectionEnd

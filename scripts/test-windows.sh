@@ -4,7 +4,7 @@
 # build-windows/:
 #  - the os tests, with Wine's null driver at 144 DPI (no display needed);
 #  - the end-to-end tiers (tests/e2e, the native test driving the .exe files, then the
-#    installer), with Wine's X11 driver on a private Xvfb. Pictures land in build-windows/pages/.
+#    installer), with Wine's X11 driver on a private Xvfb.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -34,7 +34,6 @@ wine_prefix "$root/build-windows/wineprefix-e2e" x11 96
 start_private_xvfb
 trap 'wine_stop; stop_private_xvfb' EXIT
 wine_start
-rm -rf "$root/build-windows/pages"
 (cd build && CORVALEN_WINDOWS_BIN="$root/build-windows/bin" \
-    CORVALEN_PAGES_OUT="$root/build-windows/pages" ctest -V -L wine) || status=1
+    ctest -V -L wine) || status=1
 exit "$status"

@@ -15,6 +15,7 @@
 //   corvalen::Recover FOLDER      finishes or undoes what an interrupted run left
 //   corvalen::Commit FOLDER       swaps in FOLDER.new     -> "done" | "locked" | "failed"
 //   corvalen::CloseSuite          ends the application suite's processes -> "ok" | "failed"
+//   corvalen::RemoveInstalled FOLDER   the uninstall    -> "ok" | "failed"
 //
 // Start writes the proposed FOLDER into IPCFILE (UTF-16LE), starts the front end with the eight
 // arguments and returns. WaitForChoice answers the front end until the user starts the
@@ -465,6 +466,13 @@ NSIS_PLUGIN_FUNCTION(Commit)
         stack.push(L"failed");
         break;
     }
+}
+
+NSIS_PLUGIN_FUNCTION(RemoveInstalled)
+{
+    keepLoaded(extra);
+    nsis::Stack stack(stringSize, stackTop);
+    stack.push(transaction::removeInstalled(stack.pop(), logLine) ? L"ok" : L"failed");
 }
 
 // Ends the suite's processes, as the front end does before installing, and waits for them.

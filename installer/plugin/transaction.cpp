@@ -200,6 +200,33 @@ Result commit(const std::wstring &folder, const Log &log)
     return Result::Done;
 }
 
+bool removeInstalled(const std::wstring &folder, const Log &log)
+{
+    bool ok = true;
+    std::set<std::wstring> folders;
+    for (const std::wstring &entry : installedFiles(folder)) {
+        const std::wstring path = folder + L"\\" + entry;
+        if (entry.back() == L'\\') { // a whole tree of the script that kept no list
+            ok = removeTree(path.substr(0, path.size() - 1)) && ok;
+            continue;
+        }
+        for (std::size_t cut = entry.find(L'\\'); cut != std::wstring::npos;
+             cut = entry.find(L'\\', cut + 1))
+            folders.insert(folder + L"\\" + entry.substr(0, cut));
+        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if (exists(path) && !DeleteFileW(path.c_str())) {
+            log(L"uninstall: could not remove " + path + lastError());
+            ok = false;
+        }
+    }
+    // Deepest first; a folder the user put something into stays.
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+        RemoveDirectoryW(it->c_str());
+    if (!RemoveDirectoryW(folder.c_str()) && exists(folder))
+        log(L"uninstall: " + folder + L" keeps what the user put there");
+    return ok;
+}
+
 void recover(const std::wstring &folder, const Log &log)
 {
     const std::wstring stage = stageOf(folder), old = folder + L".old";

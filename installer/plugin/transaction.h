@@ -28,5 +28,8 @@ std::wstring stageOf(const std::wstring &folder);
 Result commit(const std::wstring &folder, const Log &log);
 void recover(const std::wstring &folder, const Log &log);
 bool removeTree(const std::wstring &path);
+// The uninstall: what the list names, then the folders it left empty, the folder itself last;
+// what the user added stays. False when something could not be removed.
+bool removeInstalled(const std::wstring &folder, const Log &log);
 
 } // namespace transaction

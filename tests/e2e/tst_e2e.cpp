@@ -21,6 +21,9 @@ namespace {
 const QString kLinuxBin = CORVALEN_BIN_DIR;
 const QString kWindowsBin = qEnvironmentVariable("CORVALEN_WINDOWS_BIN");
 const QString kInstaller = qEnvironmentVariable("CORVALEN_INSTALLER");
+// Where the installer puts its shortcuts, in the Wine user's folder.
+const char *const kShortcutFolders[] = {"Desktop",
+                                        "AppData/Roaming/Microsoft/Windows/Start Menu/Programs"};
 const QString kUninstallKey =
     "HKCU\\Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Corvalen";
 const QString kPayload = CORVALEN_PAYLOAD_DIR; // the application's files: any folder of files
@@ -120,7 +123,6 @@ QString screenDiffers(const QString &window, const QString &state, const QRegion
         (changing.isEmpty() || !QFileInfo::exists(file)) &&
         (kWine || !QFileInfo::exists(QString(CORVALEN_REFERENCE_DIR) + "/" + state + ".png"))) {
         QTest::qWait(1000);
-        QDir().mkpath(kScreenReferences);
         grab(window).save(file);
     }
     const QImage expected = reference(state, under);
@@ -150,9 +152,7 @@ QString screenDiffers(const QString &window, const QString &state, const QRegion
 void hoverAndTick(const QString &main, const QString &state, qreal scale)
 {
     const auto scaled = [scale](const QRect &r) {
-        return QRectF(QPointF(r.topLeft()) * scale, QSizeF(r.size()) * scale)
-            .toAlignedRect()
-            .adjusted(-2, -2, 2, 2);
+        return QRect(r.topLeft() * scale, r.size() * scale).adjusted(-2, -2, 2, 2);
     };
     for (const QRect &control : kHoverable) {
         const QPoint at = scaled(control).center() + windowRect(main).topLeft();
@@ -386,7 +386,6 @@ private slots:
         QString main = waitWindow(kMainFolded, 60000);
         clickAt(main, kMoreOptions); // the proposal and the disk figures
         QVERIFY(!(main = waitWindow(kMainUnfolded, 5000)).isEmpty());
-        savePage(main, "installer-choice");
         clickAt(main, kCheckBox);
         clickAt(main, kInstall);
         clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
@@ -401,7 +400,6 @@ private slots:
         // Unattended: asked only about the version, the running application closed unasked.
         start(kInstaller, {"/unattended"});
         QString box = waitWindow(kMsgBox, 60000);
-        savePage(box, "installer-overwrite-question");
         QVERIFY_SCREEN(box, "overwrite-question");
         clickAt(box, kMsgOK);
         QVERIFY(!(main = waitWindow(kMainFolded, 10000)).isEmpty());
@@ -440,9 +438,7 @@ private slots:
         if (upgrade) {
             QCOMPARE(installQuietly("2.0.0.0"), 0);
             QVERIFY(!QFileInfo::exists(m_installDir + ".new")); // a killed run's, removed
-            QVERIFY(
-                QDir(m_installDir).mkpath("notes") &&
-                QFile::copy(kPayload + "/checked_normal.png", m_installDir + "/notes/mine.png"));
+            QVERIFY(QDir(m_installDir).mkpath("notes/mine"));   // the user's own
             run("/usr/lib/wine/wine64",
                 {"reg", "add", "HKCU\\Software\\Corvalen", "/v", "AddedByApp", "/d", "kept", "/f"});
         }
@@ -461,11 +457,9 @@ private slots:
         const auto reached = [&] {
             if (staged == 99)
                 return registry("Version") == "3.0.0.5";
-            QDirIterator files(m_installDir + ".new", QDir::Files, QDirIterator::Subdirectories);
-            int n = 0;
-            for (; files.hasNext(); files.next())
-                ++n;
-            return n >= staged;
+            return run("find", {m_installDir + ".new", "-type", "f"})
+                       .split('\n', Qt::SkipEmptyParts)
+                       .size() >= staged;
         };
         QElapsedTimer clock;
         clock.start();
@@ -482,15 +476,7 @@ private slots:
         }
         if (how == "second") {
             QProcess *second = start(kInstaller, {});
-            QString box;
-            QTRY_VERIFY_WITH_TIMEOUT(
-                !(box = run("xdotool", {"search", "--onlyvisible", "--name", "^Corvalen"})
-                            .split('\n')
-                            .filter(QRegularExpression("^(?!" + main + "$)"))
-                            .value(0))
-                     .isEmpty(),
-                30000);
-            run("xdotool", {"windowfocus", "--sync", box, "key", "Return"});
+            QVERIFY(answerBox(main));
             QVERIFY(second->waitForFinished(10000));
             QCOMPARE(second->exitCode(), 4); // another installer running
         }
@@ -518,11 +504,11 @@ private slots:
             QCOMPARE(version, QString(how == "second" || staged == 99 ? "3.0.0.5" : "2.0.0.0"));
         QVERIFY(sameTree(payloadOf(version), m_installDir + "/resources"));
         QVERIFY(QFileInfo::exists(m_installDir + "/Tandemo.exe"));
-        QVERIFY(QFileInfo::exists(m_installDir + "/notes/mine.png"));
+        QVERIFY(QFileInfo::exists(m_installDir + "/notes/mine"));
         QCOMPARE(registry("AddedByApp"), QString("kept"));
         QVERIFY(how == "kill" ||
-                installerLog().contains(how == "close" ? "cancelled by the user during the copy"
-                                                       : "installed 3.0.0.5"));
+                engineLog().contains(how == "close" ? "cancelled by the user during the copy"
+                                                    : "installed 3.0.0.5"));
     }
 
     // Deployed quietly: /S shows no window, honours /D=, replaces the same or an older version
@@ -558,13 +544,54 @@ private slots:
         QVERIFY(registry("InstallLocation", kUninstallKey)
                     .endsWith(elsewhere ? "\\elsewhere" : "\\Programs\\Tandemo"));
         QVERIFY(sameTree(payloadOf(installed), folder + "/resources"));
-        for (const char *shortcut :
-             {"Desktop", "AppData/Roaming/Microsoft/Windows/Start Menu/Programs"})
+        for (const char *shortcut : kShortcutFolders)
             QVERIFY(QFileInfo::exists(userFolder(shortcut) + "/Corvalen.lnk"));
-        QVERIFY(!installerLog().contains("front end")); // never started
+        QVERIFY(!engineLog().contains("front end")); // never started
+    }
+
+    // The uninstaller with the application running: asked (not with /S), the application
+    // closed, what the install put removed, shortcuts and keys included; the user's file stays.
+    void installerUninstall_data()
+    {
+        QTest::addColumn<bool>("quiet");
+        QTest::newRow("asked") << false;
+        QTest::newRow("/S") << true;
+    }
+    void installerUninstall()
+    {
+        QFETCH(bool, quiet);
+        resetInstallation();
+        QCOMPARE(installQuietly("3.0.0.5"), 0);
+        QVERIFY(QDir(m_installDir).mkpath("notes/mine")); // the user's own
+        start(m_installDir + "/Tandemo.exe", {"60"});
+        QTRY_COMPARE_WITH_TIMEOUT(ours("Tandemo.exe").size(), 1, 10000);
+        start(m_installDir + "/Uninstall.exe", quiet ? QStringList{"/S"} : QStringList());
+        QVERIFY(quiet || answerBox());
+        QTRY_COMPARE_WITH_TIMEOUT(
+            QDir(m_installDir).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+            QStringList{"notes"}, 20000);
+        QVERIFY(ours("Tandemo.exe").isEmpty());
+        QTRY_COMPARE(registry("DisplayVersion", kUninstallKey) + registry("Version"), QString());
+        for (const char *shortcut : kShortcutFolders)
+            QVERIFY(!QFileInfo::exists(userFolder(shortcut) + "/Corvalen.lnk"));
     }
 
 private:
+    // Enter on the first visible window titled "Corvalen…" but `except`: the default button of a
+    // message box of the installer's. False when none came.
+    bool answerBox(const QString &except = QString())
+    {
+        QString box;
+        const auto shown = [&] {
+            box = run("xdotool", {"search", "--onlyvisible", "--name", "^Corvalen"})
+                      .split('\n')
+                      .filter(QRegularExpression("^(?!" + except + "$)."))
+                      .value(0);
+            return !box.isEmpty();
+        };
+        return QTest::qWaitFor(shown, 30000) &&
+               !run("xdotool", {"windowfocus", "--sync", box, "key", "Return"}).contains("fail");
+    }
     QString payloadOf(const QString &version) const
     {
         return kWindowsBin + "/../installer-payload-" + version;
@@ -597,13 +624,16 @@ private:
     }
     // The engine's log: the reference engine's JSON lines, or the installer's own.
     QString logFile() const { return m_dir.path() + "/engine.jsonl"; }
+    QByteArray engineLog() const
+    {
+        QFile file(logFile());
+        return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
+    }
     // "msg/wParam" of every message the engine logged in one direction.
     QStringList messages(const QString &dir) const
     {
         QStringList out;
-        QFile f(logFile());
-        for (const QByteArray &line :
-             f.open(QFile::ReadOnly) ? f.readAll().split('\n') : QList<QByteArray>()) {
+        for (const QByteArray &line : engineLog().split('\n')) {
             const QJsonObject o = QJsonDocument::fromJson(line).object();
             if (o["event"] == "message" && o["dir"] == dir)
                 out << QString("%1/%2").arg(o["msg"].toInt()).arg(o["wp"].toString());
@@ -628,8 +658,7 @@ private:
         QDir(m_installDir + ".old").removeRecursively();
         for (const QString &key : {QString("HKCU\\Software\\Corvalen"), kUninstallKey})
             run("/usr/lib/wine/wine64", {"reg", "delete", key, "/f"});
-        for (const char *shortcut :
-             {"Desktop", "AppData/Roaming/Microsoft/Windows/Start Menu/Programs"})
+        for (const char *shortcut : kShortcutFolders)
             QFile::remove(userFolder(shortcut) + "/Corvalen.lnk");
     }
     // A folder of the Wine user's, such as "Temp" or "Desktop".
@@ -650,25 +679,13 @@ private:
     // Runs that version's installer with /S (and `more`), logging to logFile(): its exit code.
     int installQuietly(const QString &version, const QString &more = QString())
     {
-        const QString installer = version == "3.0.0.5"
-                                      ? kInstaller
-                                      : kInstaller.section(".exe", 0, 0) + "-" + version + ".exe";
-        QProcess *p = start(installer, QStringList{"/S", "/LOG=" + native(logFile())} +
-                                           (more.isEmpty() ? QStringList() : QStringList{more}));
+        QProcess *p = start(kInstaller.section(".exe", 0, 0) +
+                                (version == "3.0.0.5" ? "" : "-" + version) + ".exe",
+                            QStringList{"/S", "/LOG=" + native(logFile())} +
+                                (more.isEmpty() ? QStringList() : QStringList{more}));
         return p->waitForFinished(60000) ? p->exitCode() : -1;
     }
-    QByteArray installerLog() const
-    {
-        QFile file(logFile());
-        return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
-    }
-    void savePage(const QString &window, const QString &name)
-    {
-        QTest::qWait(500); // drawn since it was mapped
-        const QString out = qEnvironmentVariable("CORVALEN_PAGES_OUT", m_dir.path());
-        QDir().mkpath(out);
-        grab(window).save(out + "/" + name + ".png");
-    }
+
     QTemporaryDir m_dir;
     QList<QProcess *> m_started;
     QByteArray m_output;
