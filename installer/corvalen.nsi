@@ -34,6 +34,9 @@ AllowSkipFiles off
 !define EXIT_BUSY 4
 
 Name "Corvalen"
+; The title of the installer's and the uninstaller's own messages.
+Caption "Corvalen 安装程序"
+UninstallCaption "Corvalen 卸载程序"
 OutFile "${OUT}"
 InstallDir "${DEFAULTDIR}"
 !addplugindir /amd64-unicode "${PLUGINS}"

@@ -15,7 +15,11 @@ wine_prefix() {
     # - Keyboard cues off, as on a fresh Windows: focus frames only after keyboard use.
     # - The style sheets ask for "Microsoft YaHei": Wine finds the system's WenQuanYi under
     #   that name, so Latin and Chinese text render in one sans-serif face, never as boxes.
-    local settings
+    # - The system's dialog face (Tahoma: the installer's own messages) takes the Chinese it
+    #   lacks from WenQuanYi, as a Chinese Windows takes it from its own CJK face.
+    local settings cjk
+    cjk=$(printf 'wqy-microhei.ttc,WenQuanYi Micro Hei\0\0' | od -An -v -tx1 |
+        tr -s ' \n' ',' | sed 's/^,//; s/,$//')
     settings=$(cat <<REG
 Windows Registry Editor Version 5.00
 
@@ -34,6 +38,9 @@ Windows Registry Editor Version 5.00
 
 [HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows NT\\CurrentVersion\\FontSubstitutes]
 "Microsoft YaHei"="WenQuanYi Micro Hei"
+
+[HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows NT\\CurrentVersion\\FontLink\\SystemLink]
+"Tahoma"=hex(7):$cjk
 
 [HKEY_LOCAL_MACHINE\\Software\\Microsoft\\Windows NT\\CurrentVersion\\AeDebug]
 "Debugger"=""
