@@ -72,6 +72,28 @@ Var QUIET ; 1 with /S: no window, no question, no message
   ${EndIf}
 !macroend
 
+; The installer's and the uninstaller's own guard, held until the process ends.
+!macro TakeLock
+  corvalen::Lock
+  Pop $0
+  ${If} $0 != "ok"
+    corvalen::Log "another installer or uninstaller is running"
+    !insertmacro Tell MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
+    SetErrorLevel ${EXIT_BUSY}
+    Quit
+  ${EndIf}
+!macroend
+
+; Ends the run when the installed version ($R1) is newer than this one.
+!macro QuitIfNewerInstalled
+  ${VersionCompare} $R1 "${VERSION}" $1
+  ${If} $1 == 1
+    corvalen::Log "refused: $R1 is newer than ${VERSION}"
+    SetErrorLevel ${EXIT_REFUSED}
+    Quit
+  ${EndIf}
+!macroend
+
 ; 1 when the command line ($R6) has the option, else 0.
 !macro Option NAME VAR
   ClearErrors
@@ -85,7 +107,7 @@ Var QUIET ; 1 with /S: no window, no question, no message
 
 Section "-Stage" SecStage
   StrCpy $STAGE "$INSTDIR.new"
-  corvalen::Recover "$INSTDIR"
+  corvalen::Recover "$INSTDIR" ; the folder chosen may not be the registered one
   corvalen::Log "staging ${VERSION} in $STAGE"
   !include "${STAGED}.nsh"
   SetOutPath "$STAGE"
@@ -148,14 +170,7 @@ Function .onInit
   ${EndIf}
   corvalen::OpenLog "$R9"
   corvalen::Log "Corvalen ${VERSION} installer started: $R6"
-  corvalen::Lock
-  Pop $0
-  ${If} $0 != "ok"
-    corvalen::Log "another installer or uninstaller is running"
-    !insertmacro Tell MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
-    SetErrorLevel ${EXIT_BUSY}
-    Quit
-  ${EndIf}
+  !insertmacro TakeLock
   ReadRegStr $R1 HKCU "${REGKEY}" "Version"
   ${If} $R1 == ""
     StrCpy $R1 "0.0.0.0"
@@ -168,12 +183,7 @@ Function .onInit
   corvalen::Log "installed version $R1; installing into $INSTDIR"
   corvalen::Recover "$INSTDIR"
   ${If} $QUIET == 1
-    ${VersionCompare} $R1 "${VERSION}" $1
-    ${If} $1 == 1
-      corvalen::Log "refused: $R1 is newer than ${VERSION}"
-      SetErrorLevel ${EXIT_REFUSED}
-      Quit
-    ${EndIf}
+    !insertmacro QuitIfNewerInstalled
     corvalen::CloseSuite
     Pop $0
     Return
@@ -203,14 +213,9 @@ Function .onInit
   corvalen::WaitForChoice
   Pop $0
   ${If} $0 == ""
-    ${VersionCompare} $R1 "${VERSION}" $1
-    ${If} $1 == 1
-      corvalen::Log "refused: $R1 is newer than ${VERSION}"
-      SetErrorLevel ${EXIT_REFUSED}
-    ${Else}
-      corvalen::Log "cancelled before installing"
-      SetErrorLevel ${EXIT_CANCELLED}
-    ${EndIf}
+    !insertmacro QuitIfNewerInstalled
+    corvalen::Log "cancelled before installing"
+    SetErrorLevel ${EXIT_CANCELLED}
     Quit
   ${EndIf}
   StrCpy $INSTDIR $0
@@ -247,14 +252,7 @@ Function un.onInit
   !insertmacro Option /S $QUIET
   corvalen::OpenLog "$TEMP\CorvalenInstaller.log"
   corvalen::Log "Corvalen uninstaller started for $INSTDIR: $R6"
-  corvalen::Lock
-  Pop $0
-  ${If} $0 != "ok"
-    corvalen::Log "another installer or uninstaller is running"
-    !insertmacro Tell MB_ICONEXCLAMATION "另一个 Corvalen 安装程序正在运行，请等它结束后再试。"
-    SetErrorLevel ${EXIT_BUSY}
-    Quit
-  ${EndIf}
+  !insertmacro TakeLock
   ${If} $QUIET != 1
   ${AndIf} ${Cmd} `MessageBox MB_YESNO|MB_ICONQUESTION "确定要卸载 Corvalen 吗？" IDNO`
     corvalen::Log "uninstall declined"
