@@ -145,8 +145,9 @@ Section "-Commit"
   WriteRegStr HKCU "${UNINSTKEY}" "Publisher" "Corvalen"
   WriteRegStr HKCU "${UNINSTKEY}" "DisplayIcon" "$INSTDIR\Tandemo.exe"
   WriteRegStr HKCU "${UNINSTKEY}" "InstallLocation" "$INSTDIR"
-  WriteRegStr HKCU "${UNINSTKEY}" "UninstallString" '"$INSTDIR\Uninstall.exe"'
-  WriteRegStr HKCU "${UNINSTKEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S'
+  ; In place (_?=), so that whoever starts it waits for the whole uninstall, not for NSIS's copy.
+  WriteRegStr HKCU "${UNINSTKEY}" "UninstallString" '"$INSTDIR\Uninstall.exe" _?=$INSTDIR'
+  WriteRegStr HKCU "${UNINSTKEY}" "QuietUninstallString" '"$INSTDIR\Uninstall.exe" /S _?=$INSTDIR'
   ${GetSize} "$INSTDIR" "/S=0K" $0 $1 $2
   WriteRegDWORD HKCU "${UNINSTKEY}" "EstimatedSize" $0
   WriteRegDWORD HKCU "${UNINSTKEY}" "NoModify" 1
@@ -242,9 +243,10 @@ Function .onInstSuccess
   ${EndIf}
 FunctionEnd
 
-; The uninstaller: no NSIS window; asks first, quietly with /S (which returns as soon as NSIS
-; has started the uninstaller's copy in %TEMP%); the suite's processes closed; exactly what the
-; install put removed, and the folder when the user put nothing there.
+; The uninstaller: no NSIS window; asks first, quietly with /S; the suite's processes closed;
+; exactly what the install put removed, and the folder when the user put nothing there. Started
+; as registered (_?=), it runs in place and returns when all is done, its own file gone from the
+; folder; started without, NSIS runs it from a copy in %TEMP% and returns at once.
 SilentUnInstall silent
 
 Function un.onInit
@@ -252,6 +254,7 @@ Function un.onInit
   !insertmacro Option /S $QUIET
   corvalen::OpenLog "$TEMP\CorvalenInstaller.log"
   corvalen::Log "Corvalen uninstaller started for $INSTDIR: $R6"
+  corvalen::RemoveOwnCopy
   !insertmacro TakeLock
   ${If} $QUIET != 1
   ${AndIf} ${Cmd} `MessageBox MB_YESNO|MB_ICONQUESTION "确定要卸载 Corvalen 吗？" IDNO`

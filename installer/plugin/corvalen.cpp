@@ -16,6 +16,7 @@
 //   corvalen::Commit FOLDER       swaps in FOLDER.new     -> "done" | "locked" | "failed"
 //   corvalen::CloseSuite          ends the application suite's processes -> "ok" | "failed"
 //   corvalen::RemoveInstalled FOLDER   the uninstall    -> "ok" | "failed"
+//   corvalen::RemoveOwnCopy       the uninstaller's copy in %TEMP% deleted once it has ended
 //
 // Start writes the proposed FOLDER into IPCFILE (UTF-16LE), starts the front end with the eight
 // arguments and returns. WaitForChoice answers the front end until the user starts the
@@ -473,6 +474,13 @@ NSIS_PLUGIN_FUNCTION(RemoveInstalled)
     keepLoaded(extra);
     nsis::Stack stack(stringSize, stackTop);
     stack.push(transaction::removeInstalled(stack.pop(), logLine) ? L"ok" : L"failed");
+}
+
+NSIS_PLUGIN_FUNCTION(RemoveOwnCopy)
+{
+    keepLoaded(extra);
+    (void)stringSize, (void)stackTop;
+    transaction::removeOwnCopy(logLine);
 }
 
 // Ends the suite's processes, as the front end does before installing, and waits for them.

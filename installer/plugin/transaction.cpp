@@ -200,12 +200,92 @@ Result commit(const std::wstring &folder, const Log &log)
     return Result::Done;
 }
 
+namespace {
+
+// A running program's file can be renamed but not deleted, by itself or anyone: a hidden
+// command interpreter deletes it, then `folder` when empty, once this process has ended, which
+// it learns from a pipe only this process holds open.
+bool deleteAfterExit(const std::wstring &file, const std::wstring &folder)
+{
+    SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
+    HANDLE read = nullptr, write = nullptr;
+    if (!CreatePipe(&read, &write, &inheritable, 0))
+        return false;
+    SetHandleInformation(write, HANDLE_FLAG_INHERIT, 0); // leaked on purpose: closed by the exit
+    const HANDLE null = CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_WRITE, &inheritable,
+                                    OPEN_EXISTING, 0, nullptr);
+    wchar_t system[MAX_PATH];
+    GetSystemDirectoryW(system, MAX_PATH);
+    // Two tries, 2 s and 4 s after the end: Windows keeps the file until whoever started this
+    // process has closed its handle too. Not a loop: the interpreters of Windows and Wine end a
+    // loop's body in different places.
+    const std::wstring pause = L" & ping -n 3 127.0.0.1", del = L" & del /f /q \"" + file + L"\"";
+    std::wstring command = L"\"" + std::wstring(system) + L"\\cmd.exe\" /d /q /c set /p x=" +
+                           pause + del + pause + del;
+    if (!folder.empty())
+        command += L" & rd \"" + folder + L"\"";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = read;
+    startup.hStdOutput = startup.hStdError = null;
+    PROCESS_INFORMATION process = {};
+    const bool started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE,
+                                        CREATE_NO_WINDOW, nullptr, system, &startup, &process);
+    if (started) {
+        CloseHandle(process.hThread);
+        CloseHandle(process.hProcess);
+    }
+    CloseHandle(read);
+    CloseHandle(null);
+    return started;
+}
+
+std::wstring ownImage()
+{
+    wchar_t path[MAX_PATH * 2];
+    const DWORD n = GetModuleFileNameW(nullptr, path, DWORD(std::size(path)));
+    return std::wstring(path, n);
+}
+
+std::wstring folderOf(const std::wstring &path)
+{
+    return path.substr(0, path.find_last_of(L'\\'));
+}
+
+} // namespace
+
+void removeOwnCopy(const Log &log)
+{
+    const std::wstring self = ownImage(), folder = folderOf(self);
+    if (lower(folder).find(L"\\~nsu") != std::wstring::npos && !deleteAfterExit(self, folder))
+        log(L"uninstall: " + self + L" stays: no command interpreter" + lastError());
+}
+
 bool removeInstalled(const std::wstring &folder, const Log &log)
 {
     bool ok = true;
     std::set<std::wstring> folders;
+    std::wstring self = ownImage();
+    if (lower(folderOf(self)) == lower(folder)) {
+        // Run in place (_?=): out of the folder, so that the folder goes now.
+        wchar_t temp[MAX_PATH];
+        const std::wstring moved = std::wstring(temp, GetTempPathW(MAX_PATH, temp)) +
+                                   L"Corvalen-uninstall-" + std::to_wstring(GetCurrentProcessId()) +
+                                   L".tmp";
+        const bool out = MoveFileExW(self.c_str(), moved.c_str(), MOVEFILE_REPLACE_EXISTING);
+        if (out)
+            self = moved;
+        else
+            log(L"uninstall: " + self + L" stays in the folder until the uninstaller has ended" +
+                lastError());
+        if (!deleteAfterExit(self, out ? std::wstring() : folder))
+            log(L"uninstall: " + self + L" stays: no command interpreter" + lastError());
+    }
     for (const std::wstring &entry : installedFiles(folder)) {
         const std::wstring path = folder + L"\\" + entry;
+        if (lower(path) == lower(self))
+            continue;
         if (entry.back() == L'\\') { // a whole tree of the script that kept no list
             ok = removeTree(path.substr(0, path.size() - 1)) && ok;
             continue;

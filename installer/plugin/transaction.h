@@ -29,7 +29,11 @@ Result commit(const std::wstring &folder, const Log &log);
 void recover(const std::wstring &folder, const Log &log);
 bool removeTree(const std::wstring &path);
 // The uninstall: what the list names, then the folders it left empty, the folder itself last;
-// what the user added stays. False when something could not be removed.
+// what the user added stays. False when something could not be removed. Run in place, the
+// uninstaller's own file leaves the folder at once and is deleted once it has ended.
 bool removeInstalled(const std::wstring &folder, const Log &log);
+// An uninstaller started without _?= runs from a copy NSIS made in %TEMP%: deleted, with its
+// folder, once it has ended.
+void removeOwnCopy(const Log &log);
 
 } // namespace transaction
