@@ -57,11 +57,12 @@ Var QUIET ; 1 with /S: no window, no question, no message
 !macroend
 
 ; One staged file, then the share of the copy done; the user may have closed the front end.
-!macro Stage SOURCE PERCENT
+; /nonfatal: a write error comes back here, to be logged, instead of NSIS's own silent abort.
+!macro Stage SOURCE TARGET PERCENT
   ClearErrors
-  File "${SOURCE}"
+  File /nonfatal "${SOURCE}"
   ${If} ${Errors}
-    corvalen::Log "could not write ${SOURCE} into $OUTDIR"
+    corvalen::Log "could not write $STAGE\${TARGET}: the disk is full or the folder not writable"
     Abort
   ${EndIf}
   corvalen::Progress ${PERCENT}

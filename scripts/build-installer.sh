@@ -47,7 +47,7 @@ while IFS=$'\t' read -r source _; do total=$((total + $(stat -c %s "$source")));
         [ "$folder" = "$dir" ] || echo "SetOutPath \"\$STAGE$folder\""
         dir=$folder
         done=$((done + $(stat -c %s "$source")))
-        echo "!insertmacro Stage \"$source\" $((done * 95 / total))"
+        echo "!insertmacro Stage \"$source\" \"$target\" $((done * 95 / total))"
     done < <(files)
 } >"$staged.nsh"
 { printf 'Uninstall.exe\r\n'; files | cut -f2 | sed 's/$/\r/'; } >"$staged.lst"

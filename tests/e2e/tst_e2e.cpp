@@ -12,7 +12,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QPainter>
+#include <QScopeGuard>
 #include <QScreen>
+#include <QStorageInfo>
 
 #include <csignal>
 
@@ -512,38 +514,66 @@ private slots:
     }
 
     // Deployed quietly: /S shows no window, honours /D=, replaces the same or an older version
-    // and refuses a newer one; Apps & features and the shortcuts name what is installed.
+    // and refuses a newer one; Apps & features and the shortcuts name what is installed. A swap
+    // that cannot happen (the folder made immutable: Wine moves a folder whatever is open in
+    // it) and a disk that fills up while staging fail cleanly and change nothing.
     void installerSilent_data()
     {
         QTest::addColumn<QString>("previous"); // installed before, quietly
         QTest::addColumn<QString>("version");  // the installer then run
-        QTest::addColumn<bool>("elsewhere");   // into a folder given with /D=
+        QTest::addColumn<QString>(
+            "folder"); // "", "in use" the registered one; else /D= (full: 12 MB)
         QTest::addColumn<int>("exitCode");
-        QTest::newRow("first install, /D=") << ""
-                                            << "3.0.0.5" << true << 0;
-        QTest::newRow("upgrade") << "2.0.0.0"
-                                 << "3.0.0.5" << false << 0;
-        QTest::newRow("same version, /D= elsewhere") << "3.0.0.5"
-                                                     << "3.0.0.5" << true << 0;
-        QTest::newRow("downgrade refused") << "3.0.0.5"
-                                           << "2.0.0.0" << false << 3;
+        const auto row = [](const char *name, const char *previous, const char *version,
+                            const char *folder, int exitCode) {
+            QTest::newRow(name) << QString(previous) << QString(version) << QString(folder)
+                                << exitCode;
+        };
+        row("first install, /D=", "", "3.0.0.5", "elsewhere", 0);
+        row("upgrade", "2.0.0.0", "3.0.0.5", "", 0);
+        row("same version, /D= elsewhere", "3.0.0.5", "3.0.0.5", "elsewhere", 0);
+        row("downgrade refused", "3.0.0.5", "2.0.0.0", "", 3);
+        row("the folder in use", "2.0.0.0", "3.0.0.5", "in use", 2);
+        row("disk full, /D=", "2.0.0.0", "3.0.0.5", "full", 2);
     }
     void installerSilent()
     {
         QFETCH(QString, previous);
         QFETCH(QString, version);
-        QFETCH(bool, elsewhere);
+        QFETCH(QString, folder);
         QFETCH(int, exitCode);
         resetInstallation();
-        QVERIFY(previous.isEmpty() || installQuietly(previous) == 0);
-        const QString folder = elsewhere ? m_dir.path() + "/elsewhere" : m_installDir;
-        QCOMPARE(installQuietly(version, elsewhere ? "/D=" + native(folder) : QString()), exitCode);
+        const QString target = folder.isEmpty() || folder == "in use"
+                                   ? m_installDir
+                                   : m_dir.path() + "/" + folder + "/Corvalen";
+        const QString given = target == m_installDir ? QString() : "/D=" + native(target);
+        const auto undo = qScopeGuard([&] {
+            run("chattr", {"-i", m_installDir});
+            run("umount", {m_dir.path() + "/full"});
+        });
+        if (folder == "full") {
+            QVERIFY(QDir().mkpath(m_dir.path() + "/full"));
+            QCOMPARE(QProcess::execute(
+                         "mount", {"-t", "tmpfs", "-o", "size=12m", "e2e", m_dir.path() + "/full"}),
+                     0);
+        }
+        QVERIFY(previous.isEmpty() || installQuietly(previous, folder == "full" ? given : "") == 0);
+        if (folder == "full") { // room for a third of the new version
+            const qint64 fill = QStorageInfo(target).bytesAvailable() - 2500000;
+            QVERIFY(run("fallocate", {"-l", QString::number(fill), m_dir.path() + "/full/filler"})
+                        .isEmpty());
+        }
+        if (folder == "in use")
+            QCOMPARE(QProcess::execute("chattr", {"+i", m_installDir}), 0);
+        QCOMPARE(installQuietly(version, given), exitCode);
         const QString installed = exitCode == 0 ? version : previous;
         QCOMPARE(registry("Version"), installed);
         QCOMPARE(registry("DisplayVersion", kUninstallKey), installed);
         QVERIFY(registry("InstallLocation", kUninstallKey)
-                    .endsWith(elsewhere ? "\\elsewhere" : "\\Programs\\Tandemo"));
-        QVERIFY(sameTree(payloadOf(installed), folder + "/resources"));
+                    .endsWith("\\" + QFileInfo(target).fileName()));
+        QVERIFY(sameTree(payloadOf(installed), target + "/resources"));
+        QVERIFY(!QFileInfo::exists(target + ".new"));
+        QVERIFY(exitCode != 2 || engineLog().contains("failed; nothing changed"));
         for (const char *shortcut : kShortcutFolders)
             QVERIFY(QFileInfo::exists(userFolder(shortcut) + "/Corvalen.lnk"));
         QVERIFY(!engineLog().contains("front end")); // never started
