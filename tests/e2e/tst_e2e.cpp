@@ -521,8 +521,7 @@ private slots:
     {
         QTest::addColumn<QString>("previous"); // installed before, quietly
         QTest::addColumn<QString>("version");  // the installer then run
-        QTest::addColumn<QString>(
-            "folder"); // "", "in use" the registered one; else /D= (full: 12 MB)
+        QTest::addColumn<QString>("folder");   // "", "in use": the registered one; else by /D=
         QTest::addColumn<int>("exitCode");
         const auto row = [](const char *name, const char *previous, const char *version,
                             const char *folder, int exitCode) {
