@@ -1,7 +1,10 @@
 ; The Corvalen installer. NSIS copies the files; CorvalenSetup.exe is the whole user interface,
 ; driven through the corvalen plug-in (installer/plugin). scripts/build-installer.sh runs:
 ;   makensis -DBIN=<Windows programs> -DSTAGED=<generated file list, without extension>
-;            -DPLUGINS=<corvalen.dll> -DOUT=<installer> -DVERSION=x.x.x.x installer/corvalen.nsi
+;            -DPLUGINS=<corvalen.dll> -DOUT=<installer> -DPRODUCT=<build>/product.nsh
+;            [-DVERSION=x.x.x.x] [-DSIGN=<command signing the file named last>]
+;            installer/corvalen.nsi
+; The version is the project's (CMakeLists.txt, through product.nsh) unless VERSION is given.
 ; Options of the installer: /S (no window at all: into /D= when given, else the registered folder,
 ; else the default; the same or an older version replaced, a newer one refused, running copies of
 ; the application closed), /unattended (installs at once, no agreement, running copies of the
@@ -22,6 +25,29 @@ ManifestDPIAware true
 SilentInstall silent
 ; A file that cannot be written fails the run; it is never skipped.
 AllowSkipFiles off
+
+!include "${PRODUCT}"
+!ifndef VERSION
+  !define VERSION "${PRODUCT_VERSION}"
+!endif
+Icon "${ICON}"
+UninstallIcon "${ICON}"
+VIProductVersion "${VERSION}"
+VIFileVersion "${VERSION}"
+VIAddVersionKey "ProductName" "Corvalen"
+VIAddVersionKey "ProductVersion" "${VERSION}"
+VIAddVersionKey "FileVersion" "${VERSION}"
+VIAddVersionKey "FileDescription" "Corvalen installer"
+VIAddVersionKey "CompanyName" "${COMPANY}"
+VIAddVersionKey "LegalCopyright" "${COPYRIGHT}"
+VIAddVersionKey "OriginalFilename" "CorvalenInstaller.exe"
+; No file dates in the installer: one commit builds the same bytes.
+SetDateSave off
+!ifdef SIGN
+  ; The uninstaller is made here, at compile time, so that it can be signed before it is packed.
+  !uninstfinalize '${SIGN} "%1"' = 0
+  !finalize '${SIGN} "%1"' = 0
+!endif
 
 !define REGKEY "Software\Corvalen"
 !define UNINSTKEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\Corvalen"

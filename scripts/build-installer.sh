@@ -3,15 +3,31 @@
 # (scripts/build-windows.sh), a few MB of stand-in application files, and the installer
 # itself with Debian's makensis (installer/corvalen.nsi). Prints the installer's size last.
 #
-#   scripts/build-installer.sh [VERSION]     the version the installer carries (3.0.0.5);
-#   CORVALEN_INSTALLER_NAME names the file (CorvalenInstaller)
+#   scripts/build-installer.sh [VERSION]   the version the installer carries: by default the
+#                                          project's (CMakeLists.txt); another only for tests
+#   CORVALEN_INSTALLER_NAME                names the file (CorvalenInstaller)
+#   CORVALEN_SIGN_CERT and _KEY, or CORVALEN_SIGN_PKCS12   sign everything (scripts/lib/sign.sh)
+#
+# One commit builds the same bytes (scripts/check-reproducible.sh): times come from
+# SOURCE_DATE_EPOCH, by default the last commit's.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-version=${1:-3.0.0.5}
+export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 0)}
 
 scripts/build-windows.sh
-bin="$root/build-windows/bin"
+version=${1:-$(sed -n 's/^!define PRODUCT_VERSION "\(.*\)"/\1/p' build-windows/product.nsh)}
+
+# What is packed, signed when a certificate is given.
+bin="$root/build-windows/packed"
+rm -rf "$bin"
+mkdir -p "$bin"
+sign=()
+[ -z "${CORVALEN_SIGN_CERT:-}${CORVALEN_SIGN_PKCS12:-}" ] || sign=("$root/scripts/lib/sign.sh")
+for f in CorvalenSetup.exe TandemoInstSvc.exe Tandemo.exe corvalen.dll; do
+    cp "build-windows/bin/$f" "$bin/"
+    [ ${#sign[@]} -eq 0 ] || "${sign[@]}" "$bin/$f"
+done
 
 # The application's other files: made once per version, the same bytes every time.
 payload="$root/build-windows/installer-payload-$version"
@@ -55,5 +71,6 @@ while IFS=$'\t' read -r source _; do total=$((total + $(stat -c %s "$source")));
 out="$root/build-windows/${CORVALEN_INSTALLER_NAME:-CorvalenInstaller}.exe"
 # makensis takes the script's folder as its own; the paths it is given are absolute.
 makensis -V2 -DBIN="$bin" -DSTAGED="$staged" -DPLUGINS="$bin" -DOUT="$out" \
-    -DVERSION="$version" installer/corvalen.nsi
+    -DPRODUCT="$root/build-windows/product.nsh" -DVERSION="$version" \
+    ${sign:+"-DSIGN=${sign[0]}"} installer/corvalen.nsi
 echo "build-installer: $out, $(stat -c %s "$out") bytes"

@@ -13,8 +13,10 @@ packages=(
     # the private display's compositor and light desktop, so the shadow shows as it does; xrdb
     # for its DPI
     xcompmgr hsetroot x11-xserver-utils
-    # Windows tier: cross compiler, Wine, the installer engine
+    # Windows tier: cross compiler, Wine, the installer engine; the product icon, Authenticode
+    # signatures and resources read back, the reproducibility check's report
     g++-mingw-w64-x86-64-posix wine64 nsis
+    librsvg2-bin icoutils osslsigncode openssl diffoscope-minimal
     # fuzzing, sanitizers, static analysis
     clang libclang-rt-14-dev clang-tidy
 )

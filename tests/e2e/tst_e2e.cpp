@@ -624,6 +624,54 @@ private slots:
             QVERIFY(!QFileInfo::exists(userFolder(shortcut) + "/Corvalen.lnk"));
     }
 
+    // What a publisher ships, as the user's machine has it: every program signed (the test
+    // command's throwaway certificate), the uninstaller the installer wrote included, with the
+    // product's version resource; the icon where a person sees one; the front end's manifest
+    // asks for nothing it sets itself.
+    void installerArtefacts_data()
+    {
+        QTest::addColumn<QString>("file"); // the installed one, else the one packed
+        QTest::addColumn<bool>("icon");
+        for (const char *file : {"Tandemo.exe", "Uninstall.exe", "CorvalenSetup.exe"})
+            QTest::newRow(file) << file << true;
+        for (const char *file : {"TandemoInstSvc.exe", "corvalen.dll"})
+            QTest::newRow(file) << file << false;
+        QTest::newRow("the installer") << kInstaller << true;
+    }
+    void installerArtefacts()
+    {
+        QFETCH(QString, file);
+        QFETCH(bool, icon);
+        resetInstallation();
+        QCOMPARE(installQuietly("3.0.0.5"), 0);
+        for (const QString &dir : {m_installDir, kWindowsBin + "/../packed"})
+            if (!file.contains('/') && QFileInfo::exists(dir + "/" + file))
+                file = dir + "/" + file;
+        QVERIFY2(QFileInfo::exists(file), qPrintable(file));
+        const QString cert = qEnvironmentVariable("CORVALEN_SIGN_CERT");
+        if (!cert.isEmpty())
+            QVERIFY(run("osslsigncode", {"verify", "-CAfile", cert, "-in", file})
+                        .contains("Signature verification: ok"));
+        const auto resource = [&](const char *type) {
+            return run("sh",
+                       {"-c", QString("wrestool --raw -x -t%1 '%2' | strings -el").arg(type, file)})
+                .split('\n');
+        };
+        const QStringList version = resource("16");
+        const auto value = [&](const char *key) { return version.value(version.indexOf(key) + 1); };
+        QCOMPARE(value("ProductName"), QString("Corvalen"));
+        QCOMPARE(value("ProductVersion"), QString("3.0.0.5"));
+        for (const char *key : {"CompanyName", "FileDescription", "FileVersion", "LegalCopyright",
+                                "OriginalFilename"})
+            QVERIFY2(!QString(value(key)).isEmpty() && version.contains(key), key);
+        QCOMPARE(run("wrestool", {"-l", "-t14", file}).isEmpty(), !icon);
+        if (file.endsWith("CorvalenSetup.exe")) {
+            const QString manifest = run("wrestool", {"--raw", "-x", "-t24", file});
+            QVERIFY(manifest.contains("asInvoker") && !manifest.contains("dpiAware") &&
+                    !manifest.contains("activeCodePage"));
+        }
+    }
+
 private:
     // Enter on the first visible window titled "Corvalen…" but `except`: the default button of a
     // message box of the installer's. False when none came.
