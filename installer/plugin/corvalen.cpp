@@ -367,8 +367,8 @@ NSIS_PLUGIN_FUNCTION(Start)
     os::Platform &platform = os::platform();
     const std::string commandLine =
         quoted(ansiPath(frontEnd)) + " " +
-        std::to_string(reinterpret_cast<std::uintptr_t>(g_window)) + " " +
-        (disableChoosePath ? "1" : "0") + " " + (withoutAgreement ? "1" : "0") + " " +
+        std::to_string(os::windowHandleArgument(reinterpret_cast<os::WindowHandle>(g_window))) +
+        " " + (disableChoosePath ? "1" : "0") + " " + (withoutAgreement ? "1" : "0") + " " +
         quoted(narrow(versionNew)) + " " + quoted(narrow(versionOld)) + " " +
         std::to_string(platform.currentProcessId()) + " " + quoted(ansiPath(ipcFile)) + " 1";
     os::ProcessId id = 0;

@@ -14,6 +14,12 @@ namespace os {
 using ProcessId = std::uint32_t;
 // HWND on Windows, the X window id on X11. 0 is the null handle.
 using WindowHandle = std::uintptr_t;
+// A window handle as the front end reads it from its command line: base 10, signed 32 bits.
+// A window handle has 32 significant bits, sign-extended on 64-bit Windows.
+inline std::int32_t windowHandleArgument(WindowHandle window)
+{
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(window));
+}
 // HANDLE on Windows; on Linux the child's pid. 0 is the null handle.
 using ProcessHandle = std::intptr_t;
 // HMONITOR on Windows.

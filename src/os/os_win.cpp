@@ -66,6 +66,18 @@ HWND toHwnd(WindowHandle window)
 class WinPlatform final : public Platform
 {
 public:
+    // Made before anything else of this layer runs: from now on a library named without a path
+    // (Shcore.dll, say) comes from the system's folder only, whatever lies beside the program.
+    // Looked up: Windows 7 without its 2011 update lacks it.
+    WinPlatform()
+    {
+        using SetDefaultDllDirectoriesFn = BOOL(WINAPI *)(DWORD);
+        if (const auto restrict =
+                reinterpret_cast<SetDefaultDllDirectoriesFn>(reinterpret_cast<void *>(
+                    GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "SetDefaultDllDirectories"))))
+            restrict(LOAD_LIBRARY_SEARCH_SYSTEM32);
+    }
+
     bool snapshotProcesses(std::vector<ProcessEntry> &out, std::uint32_t &error) override
     {
         HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);

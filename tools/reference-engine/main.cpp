@@ -199,7 +199,7 @@ public:
         }
 
         // Step 1: the eight arguments.
-        const QStringList arguments{QString::number(winId()),
+        const QStringList arguments{QString::number(os::windowHandleArgument(winId())),
                                     m_options.disableChoosePath ? "1" : "0",
                                     m_options.withoutAgreement ? "1" : "0",
                                     m_options.versionNew,

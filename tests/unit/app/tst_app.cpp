@@ -122,6 +122,9 @@ private slots:
                 QCOMPARE(log.lines[i], names[i] + "= " + values.section('|', i, i));
             QCOMPARE(Global::GetIPCWnd(),
                      os::WindowHandle(std::intptr_t(values.section('|', 0, 0).toInt())));
+            // Written back as the engines write their window: the same text.
+            QCOMPARE(QString::number(os::windowHandleArgument(Global::GetIPCWnd())),
+                     values.section('|', 0, 0));
         }
         f->processes = {{10, "init"},        {20, "Tandemo.exe"}, {30, "Skeinpad.exe"},
                         {40, "Tandemo.exe"}, {50, "tandemo"},     {60, "TandemoSvc.exe"}};
