@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite: installs what it needs, builds into build/, runs every tier: unit
 # (offscreen), os and e2e (under a private Xvfb), the same again under the sanitizers, the
-# Windows tier under Wine, and a short run of every fuzz target.
+# Windows tier under Wine, the reproducibility check, clang-tidy and a short run of every fuzz
+# target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -29,6 +30,9 @@ trap - EXIT
 
 echo "test.sh: Windows tier (mingw-w64 + Wine)"
 scripts/test-windows.sh 2>&1 | tee -a "$log" || status=1
+
+echo "test.sh: two builds of HEAD from two clean clones give the same bytes"
+scripts/check-reproducible.sh || status=1
 
 echo "test.sh: clang-tidy"
 scripts/tidy.sh || status=1
