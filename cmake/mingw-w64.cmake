@@ -18,10 +18,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Static C and C++ runtimes: the programs import system DLLs only. No time stamp in the PE
-# header (ld writes the link time by default), so that one commit builds the same bytes.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections -Wl,--no-insert-timestamp")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,--no-insert-timestamp")
+# Static C and C++ runtimes: the programs import system DLLs only.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,--gc-sections")
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
 # What ships is stripped.
 set(CMAKE_EXE_LINKER_FLAGS_MINSIZEREL_INIT "-s")
