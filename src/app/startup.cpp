@@ -33,7 +33,8 @@ void initDpiEnvironment()
     qputenv("QT_SCREEN_SCALE_FACTORS", screenScaleFactors(primary, secondary));
     QCoreApplication::setAttribute(Qt::AA_UseHighDpiPixmaps, true);
 
-    // A plugin path inherited from the engine's environment must not pick our plugins.
+    // A plugin path inherited from the engine's environment must not pick our plugins. Each is
+    // read first and the value dropped unused: the program reads them so, then empties them.
     qgetenv("QT_QPA_PLATFORM_PLUGIN_PATH");
     qDebug() << "qputenv " << qputenv("QT_QPA_PLATFORM_PLUGIN_PATH", QByteArray(""));
     qgetenv("QT_PLUGIN_PATH");

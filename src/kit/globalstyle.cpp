@@ -2,6 +2,7 @@
 #include "kit/shadoweffect.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFrame>
@@ -16,10 +17,13 @@ namespace Global {
 
 bool LoadStyleSheet(QWidget *widget, const QString &strPath)
 {
-    if (!widget || !QFile::exists(strPath))
+    if (!widget)
         return false;
     QFile file(strPath);
-    file.open(QFile::ReadOnly);
+    if (!file.open(QFile::ReadOnly)) {
+        qWarning() << "style sheet" << strPath << "not read:" << file.errorString();
+        return false;
+    }
     QTextStream stream(&file);
     stream.setCodec("UTF-8"); // also drops the byte-order mark
     const QString text = stream.readAll();

@@ -39,7 +39,7 @@ void Widget::init()
     m_pIPCForm = new IPCmForm();
     m_pIPCForm->hide();
     if (!Global::IsSelfTest()) {
-        connect(&m_timerCheck, SIGNAL(timeout()), this, SLOT(slCheckProcess()));
+        connect(&m_timerCheck, &QTimer::timeout, this, &Widget::slCheckProcess);
         m_timerCheck.start(1000);
     }
     QTimer::singleShot(10, this, [this] { checkVersion(); });
