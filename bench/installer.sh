@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
-# Measures CorvalenInstaller.exe under Wine on a private Xvfb: its size, and the wall time from
-# its start to the front end's completion page, unattended (no clicks, no question), as the
-# median of the runs given (default 5). Never part of the test suite.
+# Measures CorvalenInstaller.exe under Wine on a private Xvfb: its size, the wall time from its
+# start to the front end's completion page, unattended (no clicks, no question), and the wall
+# times of a deployment: /S into an empty machine, /S over 2.0.0.0, the quiet uninstall as
+# registered. Medians of the runs given (default 5). Never part of the test suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 runs=${1:-5}
 
 scripts/build-installer.sh >/dev/null
+CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0 >/dev/null
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$(nproc)" --target corvalen-screenshot >/dev/null
 # shellcheck source=../scripts/lib/wine.sh
@@ -41,5 +43,32 @@ for ((i = 0; i < runs; i++)); do
     while find_window 476x346 >/dev/null; do sleep 0.1; done # the front end follows its engine
 done
 median=$(printf '%s\n' "${times[@]}" | median)
+
+timed() { # command...: its wall time in ms
+    local start
+    start=$(date +%s%N)
+    "$@" >/dev/null 2>&1
+    echo $((($(date +%s%N) - start) / 1000000))
+}
+first=() upgrade=() uninstall=()
+for ((i = 0; i < runs; i++)); do
+    "$WINE" reg delete 'HKCU\Software\Corvalen' /f >/dev/null 2>&1 || true
+    rm -rf "$WINEPREFIX"/drive_c/users/*/AppData/Local/Programs/Tandemo
+    first+=("$(timed "$WINE" "$installer" /S)")
+    "$WINE" reg delete 'HKCU\Software\Corvalen' /f >/dev/null 2>&1 # 2.0.0.0 would be refused
+    "$WINE" "$(winepath_of build-windows/CorvalenInstaller-2.0.0.0.exe)" /S >/dev/null 2>&1
+    upgrade+=("$(timed "$WINE" "$installer" /S)")
+    quiet=$("$WINE" reg query 'HKCU\Software\Microsoft\Windows\CurrentVersion\Uninstall\Corvalen' \
+        /v QuietUninstallString 2>/dev/null | sed -n 's/.*REG_SZ *"\(.*\)" \(.*\)\r*$/\1\t\2/p')
+    IFS=$'\t' read -r exe args <<<"$quiet"
+    # shellcheck disable=SC2086 # the registered arguments, one word each
+    uninstall+=("$(timed "$WINE" "$exe" $args)")
+done
 printf '%-52s %s\n' "CorvalenInstaller.exe (bytes)" "$(stat -c %s build-windows/CorvalenInstaller.exe)"
 printf '%-52s %s (%s)\n' "start -> completion page, unattended (ms, median)" "$median" "${times[*]}"
+for row in "first install, /S:first" "upgrade from 2.0.0.0, /S:upgrade" \
+    "uninstall, QuietUninstallString:uninstall"; do
+    declare -n list=${row##*:}
+    printf '%-52s %s (%s)\n' "${row%:*} (ms, median)" "$(printf '%s\n' "${list[@]}" | median)" \
+        "${list[*]}"
+done
