@@ -16,6 +16,8 @@ cmake --build build -j"$(nproc)" --target corvalen-screenshot >/dev/null
 source scripts/lib/wine.sh
 # shellcheck source=../scripts/lib/xvfb.sh
 source scripts/lib/xvfb.sh
+# shellcheck source=../scripts/lib/geometry.sh
+source scripts/lib/geometry.sh
 # shellcheck source=../scripts/lib/median.sh
 source scripts/lib/median.sh
 wine_prefix "$root/build-windows/wineprefix-bench" x11 96
@@ -32,15 +34,16 @@ for ((i = 0; i < runs; i++)); do
     start=$(date +%s%N)
     "$WINE" "$installer" /unattended >/dev/null 2>&1 &
     pid=$!
-    read -r _ x y < <(wait_window 476x346 3000)
+    read -r _ x y < <(wait_window "$MAIN_FOLDED" 3000)
     # The completion page: its start button's blue where the installing page has none.
-    until [ "$(build/bin/corvalen-screenshot --pixel $((x + 198)) $((y + 259)) 2>/dev/null)" = "#5998ff" ]; do
+    read -r sx sy <<<"$START_USING"
+    until [ "$(build/bin/corvalen-screenshot --pixel $((x + sx - 40)) $((y + sy - 10)) 2>/dev/null)" = "#5998ff" ]; do
         sleep 0.02
     done
     times+=("$((($(date +%s%N) - start) / 1000000))")
     kill -9 "$pid"
     wait "$pid" 2>/dev/null || true
-    while find_window 476x346 >/dev/null; do sleep 0.1; done # the front end follows its engine
+    while find_window "$MAIN_FOLDED" >/dev/null; do sleep 0.1; done # the front end follows its engine
 done
 median=$(printf '%s\n' "${times[@]}" | median)
 

@@ -27,6 +27,8 @@ fi
 
 # shellcheck source=../scripts/lib/xvfb.sh
 source scripts/lib/xvfb.sh
+# shellcheck source=../scripts/lib/geometry.sh
+source scripts/lib/geometry.sh
 start_private_xvfb
 trap stop_private_xvfb EXIT
 if [ "$windows" = 1 ]; then
@@ -59,17 +61,6 @@ peak() { # pid: VmHWM in kB, polled until the process ends
     done
     echo "$hwm"
 }
-find_window() { # size -> "id x y"
-    local id g
-    for id in $(xdotool search --onlyvisible --name '^Corvalen$' 2>/dev/null); do
-        g=$(xdotool getwindowgeometry "$id" 2>/dev/null) || continue
-        grep -q "Geometry: $1" <<<"$g" &&
-            sed -n 's/.*Position: \([0-9-]*\),\([0-9-]*\).*/\1 \2/p' <<<"$g" && return 0
-    done
-    return 1
-}
-click() { xdotool mousemove $(($1 + $3)) $(($2 + $4)); sleep 0.1; xdotool click 1; }
-
 cpu_ms() { # pid: its main (GUI) thread's CPU time so far, in ms (schedstat counts in ns)
     awk '{ printf "%.1f", $1 / 1e6 }' /proc/"$1"/schedstat
 }
@@ -80,17 +71,16 @@ install_peak() { # one whole self-test installation driven by clicks: "peak RSS 
     fe=$!
     peak "$fe" >/tmp/corvalen-bench-peak &
     watcher=$!
-    for _ in $(seq 1 200); do pos=$(find_window 476x346) && break; sleep 0.05; done
-    read -r x y <<<"$pos"
-    click "$x" "$y" $((8 + 112 - 8)) $((8 + 251 - 8))
-    click "$x" "$y" $((8 + 230)) $((8 + 207))
+    read -r _ x y < <(wait_window "$MAIN_FOLDED" 500)
+    click_at "$x" "$y" "$CHECK_BOX"
+    click_at "$x" "$y" "$INSTALL"
     # 50 steps of 100 ms, then the completion page a second later; the CPU of the first 40,
     # before the spinning wait that precedes that page
     cpu=$(cpu_ms "$fe")
     sleep 4
     cpu=$(awk -v a="$(cpu_ms "$fe")" -v b="$cpu" 'BEGIN { printf "%.1f", a - b }')
     sleep 3
-    click "$x" "$y" $((8 + 230)) $((8 + 261))
+    click_at "$x" "$y" "$START_USING"
     wait "$fe" || true
     wait "$watcher"
     echo "$(cat /tmp/corvalen-bench-peak) $cpu"

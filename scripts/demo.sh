@@ -38,6 +38,8 @@ fi
 
 # shellcheck source=lib/xvfb.sh
 source scripts/lib/xvfb.sh
+# shellcheck source=lib/geometry.sh
+source scripts/lib/geometry.sh
 start_private_xvfb
 engine_pid=
 cleanup() {
@@ -54,12 +56,6 @@ shoot() { # name x y w h: the window with a margin around its shadow
     echo "demo.sh: $out/$1.png"
 }
 
-click() { # window-x window-y x y
-    xdotool mousemove $(($1 + $3)) $(($2 + $4))
-    sleep 0.1
-    xdotool click 1
-}
-
 "${engine[@]}" --target "$(path_arg "$out/install/Tandemo")" --log "$(path_arg "$out/engine.jsonl")" \
     --chunk-kb 8 --unattended >"$out/frontend.log" 2>&1 &
 engine_pid=$!
@@ -67,31 +63,31 @@ engine_pid=$!
 read -r _ x y < <(wait_window 416x136 1500 || wait_window 400x120)
 shoot 1-loading "$x" "$y" 416 136
 
-read -r _ x y < <(wait_window 476x346)
+read -r _ x y < <(wait_window $MAIN_FOLDED)
 sleep 0.3
-shoot 2-choice-folded "$x" "$y" 476 346
+shoot 2-choice-folded "$x" "$y" ${MAIN_FOLDED/x/ }
 
-click "$x" "$y" $((8 + 221)) $((8 + 300)) # 更多选项
-read -r _ x y < <(wait_window 476x426)
+click_at "$x" "$y" "$MORE_OPTIONS"
+read -r _ x y < <(wait_window $MAIN_UNFOLDED)
 sleep 0.3
-shoot 3-choice-unfolded "$x" "$y" 476 426
+shoot 3-choice-unfolded "$x" "$y" ${MAIN_UNFOLDED/x/ }
 
-click "$x" "$y" $((8 + 96 + 8)) $((8 + 238 + 13)) # the agreement box
-click "$x" "$y" $((8 + 230)) $((8 + 207))          # 安装
+click_at "$x" "$y" "$CHECK_BOX"
+click_at "$x" "$y" "$INSTALL"
 for _ in $(seq 1 500); do
     grep -q '"msg":1124,"name":"WM_MYPROGRESS","ok":true,"t":[0-9]*,"wp":"[4-9][0-9]"' \
         "$out/engine.jsonl" 2>/dev/null && break
     sleep 0.02
 done
-read -r _ x y < <(wait_window 476x346)
-shoot 4-installing "$x" "$y" 476 346
+read -r _ x y < <(wait_window $MAIN_FOLDED)
+shoot 4-installing "$x" "$y" ${MAIN_FOLDED/x/ }
 
 for _ in $(seq 1 2000); do
     grep -q '"event":"copied"' "$out/engine.jsonl" 2>/dev/null && break
     sleep 0.02
 done
 sleep 1.6 # the completion page follows a second after 100 %
-shoot 5-completed "$x" "$y" 476 346
+shoot 5-completed "$x" "$y" ${MAIN_FOLDED/x/ }
 
 wait "$engine_pid"
 status=$?

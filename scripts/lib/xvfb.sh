@@ -49,6 +49,16 @@ find_window() {
     return 1
 }
 
+# A click at a point of a window (a point of geometry.sh), the pointer resting there first as a
+# person's would.
+click_at() { # window-x window-y "x y"
+    local px py
+    read -r px py <<<"$3"
+    xdotool mousemove $(($1 + px)) $(($2 + py))
+    sleep 0.1
+    xdotool click 1
+}
+
 wait_window() { # size, tries of 20 ms
     local i
     for ((i = 0; i < ${2:-500}; i++)); do

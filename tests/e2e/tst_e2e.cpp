@@ -5,6 +5,7 @@
 // front end logs to the debugger, so outcomes come from the engine's JSON log, the files, the
 // registry, /proc and the screen. The screen is read back from the X server, through the
 // compositor of the private display, and compared with the reviewed pictures.
+#include "geometry.h"
 #include "pixels.h"
 
 #include <QtTest>
@@ -36,13 +37,19 @@ const QString kFrontEnd = "CorvalenSetup" + kExe, kEngine = "corvalen-engine" + 
 // the machine is never touched.
 const QByteArray kRun = QByteArray::number(QCoreApplication::applicationPid());
 
-const QSize kMainFolded(476, 346), kMainUnfolded(476, 426), kMsgBox(416, 226);
+const QSize kMainFolded(GEOMETRY_MAIN_FOLDED), kMainUnfolded(GEOMETRY_MAIN_UNFOLDED),
+    kMsgBox(GEOMETRY_MSG_BOX);
 // Inside the windows, shadow margin included.
-const QPoint kCheckBox(112, 259), kInstall(238, 215), kStartup(238, 269), kMoreOptions(229, 308),
-    kBrowse(408, 355), kClose(438, 39), kMsgOK(293, 185), kMsgCancel(143, 185);
+const QPoint kCheckBox(GEOMETRY_CHECK_BOX), kInstall(GEOMETRY_INSTALL),
+    kStartup(GEOMETRY_START_USING), kMoreOptions(GEOMETRY_MORE_OPTIONS), kBrowse(GEOMETRY_BROWSE),
+    kClose(GEOMETRY_CLOSE), kMsgOK(GEOMETRY_MSG_OK), kMsgCancel(GEOMETRY_MSG_CANCEL);
 // The choice page's controls: all that hovering one may change (更多选项 and its arrow at once).
-const QRect kHoverable[] = {{188, 198, 100, 34}, {428, 29, 20, 20},  {228, 248, 61, 20},
-                            {311, 248, 61, 20},  {104, 251, 16, 16}, {201, 298, 77, 20}};
+const QRect kHoverable[] = {{188, 198, 100, 34},
+                            {428, 29, 20, 20},
+                            {228, 248, 61, 20},
+                            {311, 248, 61, 20},
+                            {kCheckBox - QPoint(8, 8), QSize(16, 16)},
+                            {201, 298, 77, 20}};
 const QRect kProgressBar(48, 235, 380, 12);
 // What scripts/lib/xvfb.sh's desktop shows under the windows' translucent margin.
 const QColor kDesktop(0xF2, 0xF3, 0xF5);
@@ -652,18 +659,14 @@ private slots:
         if (!cert.isEmpty())
             QVERIFY(run("osslsigncode", {"verify", "-CAfile", cert, "-in", file})
                         .contains("Signature verification: ok"));
-        const auto resource = [&](const char *type) {
-            return run("sh",
-                       {"-c", QString("wrestool --raw -x -t%1 '%2' | strings -el").arg(type, file)})
-                .split('\n');
-        };
-        const QStringList version = resource("16");
-        const auto value = [&](const char *key) { return version.value(version.indexOf(key) + 1); };
-        QCOMPARE(value("ProductName"), QString("Corvalen"));
-        QCOMPARE(value("ProductVersion"), QString("3.0.0.5"));
+        const QStringList version =
+            run("sh", {"-c", "wrestool --raw -x -t16 '" + file + "' | strings -el"}).split('\n');
         for (const char *key : {"CompanyName", "FileDescription", "FileVersion", "LegalCopyright",
-                                "OriginalFilename"})
-            QVERIFY2(!QString(value(key)).isEmpty() && version.contains(key), key);
+                                "OriginalFilename", "ProductName", "ProductVersion"})
+            QVERIFY2(version.indexOf(key) > 0 && !version.value(version.indexOf(key) + 1).isEmpty(),
+                     key);
+        QCOMPARE(version.value(version.indexOf("ProductName") + 1), QString("Corvalen"));
+        QCOMPARE(version.value(version.indexOf("ProductVersion") + 1), QString("3.0.0.5"));
         QCOMPARE(run("wrestool", {"-l", "-t14", file}).isEmpty(), !icon);
         if (file.endsWith("CorvalenSetup.exe")) {
             const QString manifest = run("wrestool", {"--raw", "-x", "-t24", file});

@@ -1,0 +1,15 @@
+# shellcheck shell=bash disable=SC2034 # read by those who source it
+# The front end's windows (their size, shadow margin included, at 100 %) and the points a
+# person clicks inside them: the one source for the e2e test (tests/e2e/CMakeLists.txt makes a
+# header of it), scripts/demo.sh and the benchmarks. Sizes are WIDTHxHEIGHT, points "X Y".
+MAIN_FOLDED=476x346
+MAIN_UNFOLDED=476x426
+MSG_BOX=416x226
+CHECK_BOX="112 259"    # the agreement box, a 16 x 16 square around it
+INSTALL="238 215"      # 安装
+START_USING="238 269"  # 开始使用, on the completion page
+MORE_OPTIONS="229 308" # 更多选项
+BROWSE="408 355"       # the folder button, options shown
+CLOSE="438 39"         # ✕
+MSG_OK="293 185"       # a question's 确定
+MSG_CANCEL="143 185"   # and its 取消
