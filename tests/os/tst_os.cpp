@@ -198,15 +198,15 @@ TEST(Dpi, MonitorDpiOnlyWhereShcoreIs)
 }
 
 #ifdef _WIN32
-// A library named without a path comes from the system's folder only: one planted beside the
-// program (found by its full path) is not, Shcore is.
+// A library named without a path comes from the system's folder only: one beside the program
+// (the plug-in, found by its full path) is not, Shcore is.
 TEST(Libraries, ByNameFromTheSystemFolderOnly)
 {
     wchar_t program[MAX_PATH];
     const std::wstring path(program, GetModuleFileNameW(nullptr, program, MAX_PATH));
-    const std::wstring planted = path.substr(0, path.rfind(L'\\') + 1) + L"corvalen-planted.dll";
-    EXPECT_EQ(LoadLibraryW(L"corvalen-planted.dll"), nullptr);
-    EXPECT_NE(LoadLibraryW(planted.c_str()), nullptr);
+    EXPECT_EQ(LoadLibraryW(L"corvalen.dll"), nullptr);
+    EXPECT_NE(LoadLibraryW((path.substr(0, path.rfind(L'\\') + 1) + L"corvalen.dll").c_str()),
+              nullptr);
     EXPECT_NE(LoadLibraryW(L"Shcore.dll"), nullptr);
 }
 #endif
