@@ -204,8 +204,10 @@ namespace {
 
 // A running program's file can be renamed but not deleted, by itself or anyone: a hidden
 // command interpreter deletes it, then `folder` when empty, once this process has ended, which
-// it learns from a pipe only this process holds open.
-bool deleteAfterExit(const std::wstring &file, const std::wstring &folder)
+// it learns from a pipe only this process holds open. Not when `unless` exists by then: a new
+// installation's list, when the file has to be deleted where a new install puts its own.
+bool deleteAfterExit(const std::wstring &file, const std::wstring &folder,
+                     const std::wstring &unless = std::wstring())
 {
     SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
     HANDLE read = nullptr, write = nullptr;
@@ -218,8 +220,11 @@ bool deleteAfterExit(const std::wstring &file, const std::wstring &folder)
     GetSystemDirectoryW(system, MAX_PATH);
     // Two tries, 2 s and 4 s after the end: Windows keeps the file until whoever started this
     // process has closed its handle too. Not a loop: the interpreters of Windows and Wine end a
-    // loop's body in different places.
-    const std::wstring pause = L" & ping -n 3 127.0.0.1", del = L" & del /f /q \"" + file + L"\"";
+    // loop's body in different places (an `if`'s too: at the end of the line, at the next `&`,
+    // both safe here).
+    const std::wstring pause = L" & ping -n 3 127.0.0.1",
+                       del = (unless.empty() ? L" & " : L" & if not exist \"" + unless + L"\" ") +
+                             L"del /f /q \"" + file + L"\"";
     std::wstring command = L"\"" + std::wstring(system) + L"\\cmd.exe\" /d /q /c set /p x=" +
                            pause + del + pause + del;
     if (!folder.empty())
@@ -268,18 +273,21 @@ bool removeInstalled(const std::wstring &folder, const Log &log)
     std::set<std::wstring> folders;
     std::wstring self = ownImage();
     if (lower(folderOf(self)) == lower(folder)) {
-        // Run in place (_?=): out of the folder, so that the folder goes now.
+        // Run in place (_?=): out of the folder, so that the folder goes now; into %TEMP%, or
+        // beside the folder when %TEMP% is on another volume.
         wchar_t temp[MAX_PATH];
-        const std::wstring moved = std::wstring(temp, GetTempPathW(MAX_PATH, temp)) +
-                                   L"Corvalen-uninstall-" + std::to_wstring(GetCurrentProcessId()) +
-                                   L".tmp";
-        const bool out = MoveFileExW(self.c_str(), moved.c_str(), MOVEFILE_REPLACE_EXISTING);
-        if (out)
-            self = moved;
-        else
+        const std::wstring name =
+            L"Corvalen-uninstall-" + std::to_wstring(GetCurrentProcessId()) + L".tmp";
+        bool out = false;
+        for (const std::wstring &moved : {std::wstring(temp, GetTempPathW(MAX_PATH, temp)) + name,
+                                          folderOf(folder) + L"\\" + name})
+            if (!out && MoveFileExW(self.c_str(), moved.c_str(), MOVEFILE_REPLACE_EXISTING))
+                self = moved, out = true;
+        if (!out)
             log(L"uninstall: " + self + L" stays in the folder until the uninstaller has ended" +
                 lastError());
-        if (!deleteAfterExit(self, out ? std::wstring() : folder))
+        if (!deleteAfterExit(self, out ? std::wstring() : folder,
+                             out ? std::wstring() : folder + L"\\" + kManifest))
             log(L"uninstall: " + self + L" stays: no command interpreter" + lastError());
     }
     for (const std::wstring &entry : installedFiles(folder)) {
