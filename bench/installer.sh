@@ -10,7 +10,7 @@ runs=${1:-5}
 
 scripts/build-installer.sh >/dev/null
 CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0 >/dev/null
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target corvalen-screenshot >/dev/null
 # shellcheck source=../scripts/lib/wine.sh
 source scripts/lib/wine.sh

@@ -10,7 +10,7 @@ windows=0
 pairs=${1:-10}
 
 scripts/install-deps.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-bench \
     corvalen-bench-minimal >/dev/null
 bin=build/bin

@@ -3,7 +3,6 @@
 # static Qt for Windows from the cache (built there the first time, which takes a while).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$(pwd)
 
 scripts/install-deps.sh
 qt=$(scripts/build-qt-windows.sh)
@@ -11,6 +10,5 @@ qt=$(scripts/build-qt-windows.sh)
 if ! grep -qsx "CORVALEN_QT_WINDOWS:PATH=$qt" build-windows/CMakeCache.txt; then
     rm -rf build-windows/CMakeCache.txt build-windows/CMakeFiles
 fi
-cmake -S . -B build-windows -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-w64.cmake" \
-    -DCORVALEN_QT_WINDOWS="$qt" -DCMAKE_BUILD_TYPE=MinSizeRel >/dev/null
+CORVALEN_QT_WINDOWS="$qt" cmake --preset windows >/dev/null
 cmake --build build-windows -j"$(nproc)"

@@ -10,7 +10,7 @@ windows=0
 [ "${1:-}" = --windows ] && windows=1
 
 scripts/install-deps.sh
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target CorvalenSetup TandemoInstSvc corvalen-engine \
     corvalen-screenshot
 

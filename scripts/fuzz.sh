@@ -7,8 +7,7 @@ root=$(pwd)
 seconds=${1:-60}
 
 command -v clang++ >/dev/null || scripts/install-deps.sh
-cmake -S . -B build-fuzz -DCORVALEN_FUZZ=ON -DCORVALEN_BUILD_TESTS=OFF \
-    -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset fuzz >/dev/null
 cmake --build build-fuzz -j"$(nproc)" >/dev/null
 
 status=0

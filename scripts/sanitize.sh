@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-cmake -S . -B build-asan -DCORVALEN_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
+cmake --preset sanitize >/dev/null
 cmake --build build-asan -j"$(nproc)"
 
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:halt_on_error=1"

@@ -22,7 +22,7 @@ export CORVALEN_SIGN_CERT="$signing/cert.pem" CORVALEN_SIGN_KEY="$signing/key.pe
 scripts/build-installer.sh
 # An older version for the upgrade stories, from the same script.
 CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc Tandemo
 
 # shellcheck source=lib/wine.sh

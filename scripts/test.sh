@@ -10,7 +10,7 @@ root=$(pwd)
 scripts/install-deps.sh
 
 jobs=$(nproc)
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$jobs"
 
 # shellcheck source=lib/xvfb.sh

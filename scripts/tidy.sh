@@ -3,7 +3,7 @@
 # The Win32 file is checked by the Windows tier's compiler instead: it needs the mingw headers.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-[ -f build/compile_commands.json ] || cmake -S . -B build >/dev/null
+[ -f build/compile_commands.json ] || cmake --preset native >/dev/null
 out=$(find src tools -name '*.cpp' ! -name 'os_win.cpp' -print0 |
     xargs -0 -P"$(nproc)" -n4 clang-tidy -p build --quiet 2>/dev/null || true)
 if grep -q 'warning:' <<<"$out"; then

@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target tst_pictures tst_e2e
 QT_QPA_PLATFORM=offscreen CORVALEN_UPDATE_REFERENCES=1 build/bin/tst_pictures
 if [ "${1:-}" = --screen ]; then
