@@ -20,10 +20,7 @@ source scripts/lib/xvfb.sh
 source scripts/lib/geometry.sh
 # shellcheck source=../scripts/lib/median.sh
 source scripts/lib/median.sh
-wine_prefix "$root/build-windows/wineprefix-bench" x11 96
-start_private_xvfb
-trap 'wine_stop; stop_private_xvfb' EXIT
-wine_start
+wine_on_private_display "$root/build-windows/wineprefix-bench"
 
 installer=$(winepath_of build-windows/CorvalenInstaller.exe)
 times=()

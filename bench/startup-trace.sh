@@ -16,10 +16,7 @@ source scripts/lib/wine.sh
 source scripts/lib/xvfb.sh
 # shellcheck source=../scripts/lib/median.sh
 source scripts/lib/median.sh
-wine_prefix "$root/build-windows/wineprefix-e2e" x11 96
-start_private_xvfb
-trap 'wine_stop; stop_private_xvfb' EXIT
-wine_start
+wine_on_private_display "$root/build-windows/wineprefix-e2e"
 
 # One run: "phase ms" lines, each from the process start; the program is killed once mapped.
 trace() { # program

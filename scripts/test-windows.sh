@@ -40,10 +40,7 @@ wine_start
     status=1
 wine_stop
 
-wine_prefix "$root/build-windows/wineprefix-e2e" x11 96
-start_private_xvfb
-trap 'wine_stop; stop_private_xvfb' EXIT
-wine_start
+wine_on_private_display "$root/build-windows/wineprefix-e2e"
 (cd build && CORVALEN_WINDOWS_BIN="$root/build-windows/bin" \
     ctest -V -L wine) || status=1
 exit "$status"

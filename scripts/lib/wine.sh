@@ -84,3 +84,12 @@ wine_stop() {
     "$WINESERVER" -k 2>/dev/null || true
     "$WINESERVER" -w 2>/dev/null || true
 }
+
+# Wine's X11 driver at 96 DPI in the prefix, on a private Xvfb (scripts/lib/xvfb.sh, sourced
+# by the caller), both stopped when the script exits.
+wine_on_private_display() { # prefix
+    wine_prefix "$1" x11 96
+    start_private_xvfb
+    trap 'wine_stop; stop_private_xvfb' EXIT
+    wine_start
+}
