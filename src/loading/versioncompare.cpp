@@ -31,8 +31,3 @@ std::optional<int> compareVersions(const QString &strVersionNew, const QString &
         return std::nullopt;
     return result;
 }
-
-QString progressText(unsigned int iProgress)
-{
-    return QString("进度：") + QString("%1%").arg(iProgress);
-}

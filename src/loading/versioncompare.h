@@ -8,6 +8,3 @@
 // cannot be compared: not four parts each, or a part the comparison reaches does not parse.
 // Otherwise 1 (new is higher), 0 (equal) or -1 (old is higher).
 std::optional<int> compareVersions(const QString &strVersionNew, const QString &strVersionOld);
-
-// "进度：40%"
-QString progressText(unsigned int iProgress);

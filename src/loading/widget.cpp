@@ -6,6 +6,7 @@
 #include "kit/globalstyle.h"
 #include "kit/mymsgbox.h"
 #include "kit/windowdrag.h"
+#include "loading/progresstext.h"
 #include "loading/versioncompare.h"
 #include "mainform/mainform.h"
 
