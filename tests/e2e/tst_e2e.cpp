@@ -385,6 +385,20 @@ private slots:
         hoverAndTick(main, "choice-150", 1.5);
     }
 
+    // Windows splits the front end's command line by its own rules, not the C runtime's: there
+    // `"0""` is one argument and the versions that follow are two more, the same (the overwrite
+    // question); by the runtime's rules all the rest is one argument, and nothing is asked.
+    void windowsCommandLine()
+    {
+        if (!kWine)
+            QSKIP("a Windows command line");
+        start(kBin + "/" + kEngine, {"--log", native(logFile()), "--command-line",
+                                     "{hwnd} 0 \"0\"\" 3.0.0.5 3.0.0.5 {pid} {ipc} 1"});
+        const QString box = waitWindow(kMsgBox);
+        QVERIFY(!box.isEmpty());
+        QVERIFY_SCREEN(box, "overwrite-question");
+    }
+
     // With the application running: asked, closed, installed, registered, started; then the
     // same installer again, unattended, asks before it would overwrite.
     void installerInstallsThenAsksAgain()

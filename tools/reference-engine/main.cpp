@@ -65,6 +65,7 @@ struct Options
     qint64 requiredMB = -1;
     bool unattended = false;
     QString logFile;
+    QString commandLine; // the front end's arguments as typed; empty: the eight, quoted
     QString driveRoot = "/tmp/corvalen-drives";
     int chunkKB = 256;
 };
@@ -210,7 +211,21 @@ public:
         m_frontEnd.setProcessChannelMode(QProcess::ForwardedChannels);
         connect(&m_frontEnd, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), this,
                 [this](int code, QProcess::ExitStatus status) { frontEndEnded(code, status); });
-        m_frontEnd.start(m_options.frontEnd, arguments);
+        if (m_options.commandLine.isEmpty()) {
+            m_frontEnd.start(m_options.frontEnd, arguments);
+        } else {
+            QString line = m_options.commandLine;
+            line.replace("{hwnd}", arguments[0]).replace("{pid}", arguments[5]);
+            line.replace("{ipc}", arguments[6]);
+#ifdef Q_OS_WIN
+            // Verbatim: how the front end splits it is what is being tried.
+            m_frontEnd.setProgram(m_options.frontEnd);
+            m_frontEnd.setNativeArguments(line);
+            m_frontEnd.start();
+#else
+            m_frontEnd.start(m_options.frontEnd, QProcess::splitCommand(line));
+#endif
+        }
         if (!m_frontEnd.waitForStarted(10000)) {
             logEvent("error", {{"what", "front end did not start: " + m_frontEnd.errorString()}});
             return 2;
@@ -474,6 +489,10 @@ int main(int argc, char *argv[])
         {"chunk-kb", "Bytes copied per 10 ms step, in KB (default 256).", "kb"},
         {"unattended", "Post WM_COMPLETE_INSTALL once the completion page has shown a while."},
         {"log", "Write every message in and out, one JSON object per line.", "file"},
+        {"command-line",
+         "The front end's arguments as typed, {hwnd}, {pid} and {ipc} filled in; on Windows "
+         "passed on verbatim, for the front end to split (default: the eight, each quoted).",
+         "text"},
     });
     parser.process(app);
 
@@ -499,6 +518,7 @@ int main(int argc, char *argv[])
         options.chunkKB = qMax(1, parser.value("chunk-kb").toInt());
     options.unattended = parser.isSet("unattended");
     options.logFile = parser.value("log");
+    options.commandLine = parser.value("command-line");
     if (!options.payload.isEmpty() && !QFileInfo(options.payload).isDir()) {
         std::fprintf(stderr, "corvalen-engine: payload %s is not a folder\n",
                      qPrintable(options.payload));
