@@ -6,6 +6,7 @@
 #   CORVALEN_QT_WINDOWS=/path scripts/build-qt-windows.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
+repo=$PWD
 
 jobs=$(nproc)
 
@@ -25,6 +26,10 @@ options=(
     -no-freetype -no-feature-big_codecs -no-feature-style-fusion
     -no-feature-pdf -no-feature-movie -no-feature-sessionmanager
     -no-feature-imageformat_ppm -no-feature-imageformat_xbm
+    # No public-suffix table (URLs are never split by domain), no state machines, and no bundled
+    # MIME database: every image the program names ends in its type (.svg, .png), which Qt reads
+    # before it would ask the database.
+    -no-feature-topleveldomain -no-feature-statemachine -no-mimetype-database
     -no-feature-sql -no-feature-network -no-openssl -no-feature-xml -no-feature-vulkan
     -no-feature-textodfwriter -no-feature-textmarkdownreader -no-feature-textmarkdownwriter
     -no-feature-mdiarea -no-feature-calendarwidget -no-feature-lcdnumber -no-feature-dial
@@ -38,7 +43,9 @@ options=(
     "QMAKE_CFLAGS+=-ffunction-sections -fdata-sections"
     "QMAKE_CXXFLAGS+=-ffunction-sections -fdata-sections"
 )
-want="${options[*]}"
+# Patches to Qt's sources, each saying why at its top; they are part of the build's identity.
+patches=(scripts/qt-patches/*.patch)
+want="${options[*]} $(cat "${patches[@]}" | md5sum | cut -c1-8)"
 # One folder per set of options: changing them builds anew beside the old build.
 prefix=${CORVALEN_QT_WINDOWS:-${XDG_CACHE_HOME:-$HOME/.cache}/corvalen/qt5-win64-static-$(md5sum <<<"$want" | cut -c1-8)}
 stamp="$prefix/.corvalen-complete"
@@ -56,7 +63,7 @@ SUDO=
 [ "$(id -u)" -eq 0 ] || SUDO=sudo
 export DEBIAN_FRONTEND=noninteractive
 need=()
-for p in g++-mingw-w64-x86-64-posix dpkg-dev g++ make perl python3 xz-utils; do
+for p in g++-mingw-w64-x86-64-posix dpkg-dev g++ make patch perl python3 xz-utils; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then
@@ -87,6 +94,9 @@ apt-get source -qq qtbase-opensource-src qtsvg-opensource-src >source.log 2>&1 |
 qtbase_src=$(find . -maxdepth 1 -type d -name 'qtbase-opensource-src-*' | head -1)
 qtsvg_src=$(find . -maxdepth 1 -type d -name 'qtsvg-opensource-src-*' | head -1)
 [ -n "$qtbase_src" ] && [ -n "$qtsvg_src" ] || { echo "build-qt-windows: no source folders" >&2; exit 1; }
+for p in "${patches[@]}"; do
+    patch -d "$qtbase_src" -p1 -s <"$repo/$p" || { echo "build-qt-windows: $p does not apply" >&2; exit 1; }
+done
 
 echo "build-qt-windows: configuring qtbase into $prefix" >&2
 mkdir qtbase-build
