@@ -18,15 +18,15 @@ export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/n
 scripts/build-windows.sh
 version=${1:-$(sed -n 's/^!define PRODUCT_VERSION "\(.*\)"/\1/p' build-windows/product.nsh)}
 
-# What is packed, signed when a certificate is given.
+# What is packed (the build's install rules, component "shipped"), signed when a certificate
+# is given.
 bin="$root/build-windows/packed"
 rm -rf "$bin"
-mkdir -p "$bin"
+cmake --install build-windows --prefix "$bin" --component shipped >/dev/null
 sign=()
 [ -z "${CORVALEN_SIGN_CERT:-}${CORVALEN_SIGN_PKCS12:-}" ] || sign=("$root/scripts/lib/sign.sh")
-for f in CorvalenSetup.exe TandemoInstSvc.exe Tandemo.exe corvalen.dll; do
-    cp "build-windows/bin/$f" "$bin/"
-    [ ${#sign[@]} -eq 0 ] || "${sign[@]}" "$bin/$f"
+for f in "$bin"/*; do
+    [ ${#sign[@]} -eq 0 ] || "${sign[@]}" "$f"
 done
 
 # The application's other files: made once per version, the same bytes every time.
