@@ -22,7 +22,7 @@ options=(
     # What the program never reaches, for size: Windows draws text itself (GDI), arguments
     # come through the system's own code page, never through Qt's CJK tables, the style is the
     # Windows one under the style sheets. (XPM stays: the windows plugin draws its cursors so;
-    # so do MIME types: Qt's SVG icon engine, which the style sheets' images go through, needs them.)
+    # so does the MIME type API, which Qt's SVG icon engine is built against; its database goes.)
     -no-freetype -no-feature-big_codecs -no-feature-style-fusion
     -no-feature-pdf -no-feature-movie -no-feature-sessionmanager
     -no-feature-imageformat_ppm -no-feature-imageformat_xbm
