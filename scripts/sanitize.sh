@@ -11,5 +11,4 @@ cmake --build build-asan -j"$(nproc)"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=0:halt_on_error=1"
 export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 export LSAN_OPTIONS="suppressions=$root/scripts/lsan.supp:print_suppressions=0"
-cd build-asan
-ctest --output-on-failure -j2 --timeout 600 -LE wine
+ctest --preset sanitize

@@ -36,11 +36,9 @@ wine_prefix "$root/build-windows/wineprefix-os" null 144
 export DISPLAY= # the null driver needs none; never talk to a developer's desktop
 trap wine_stop EXIT
 wine_start
-(cd build-windows && CORVALEN_EXPECT_DPI=144 ctest --output-on-failure --timeout 240 -L windows) ||
-    status=1
+CORVALEN_EXPECT_DPI=144 ctest --preset windows || status=1
 wine_stop
 
 wine_on_private_display "$root/build-windows/wineprefix-e2e"
-(cd build && CORVALEN_WINDOWS_BIN="$root/build-windows/bin" \
-    ctest -V -L wine) || status=1
+CORVALEN_WINDOWS_BIN="$root/build-windows/bin" ctest --preset wine || status=1
 exit "$status"

@@ -21,7 +21,7 @@ echo "test.sh: Xvfb on $DISPLAY"
 
 log=$(mktemp)
 status=0
-(cd "$root/build" && ctest --output-on-failure -j2 --timeout 300 -LE wine) 2>&1 | tee "$log" || status=1
+ctest --preset native 2>&1 | tee "$log" || status=1
 
 echo "test.sh: the same tiers under AddressSanitizer + UndefinedBehaviorSanitizer"
 scripts/sanitize.sh 2>&1 | tee -a "$log" || status=1
