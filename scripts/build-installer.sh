@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Builds build-windows/CorvalenInstaller.exe: the Windows programs and the NSIS plug-in
-# (scripts/build-windows.sh), a few MB of stand-in application files, and the installer
-# itself with Debian's makensis (installer/corvalen.nsi). Prints the installer's size last.
+# (scripts/build-windows.sh), the application's folder, and the installer itself with Debian's
+# makensis (installer/corvalen.nsi). Prints the installer's size last.
 #
-#   scripts/build-installer.sh [VERSION]   the version the installer carries: by default the
-#                                          project's (CMakeLists.txt); another only for tests
+#   scripts/build-installer.sh [--payload DIR] [VERSION]
+#     --payload DIR (or CORVALEN_PAYLOAD)  the application as it is to be installed: every file
+#                 and folder under DIR, as it stands. Without it, stand-ins of a few MB: the
+#                 built Tandemo.exe and TandemoInstSvc.exe and generated resources.
+#     VERSION     the version the installer carries: by default the project's (CMakeLists.txt);
+#                 another only for tests
 #   CORVALEN_INSTALLER_NAME                names the file (CorvalenInstaller)
 #   CORVALEN_SIGN_CERT and _KEY, or CORVALEN_SIGN_PKCS12   sign everything (scripts/lib/sign.sh)
 #
@@ -15,11 +19,18 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct 2>/dev/null || echo 0)}
 
+payload=${CORVALEN_PAYLOAD:-}
+if [ "${1:-}" = --payload ]; then
+    payload=$(realpath "$2")
+    shift 2
+fi
+[ -z "$payload" ] || [ -d "$payload" ] || { echo "build-installer: no folder $payload" >&2; exit 1; }
+
 scripts/build-windows.sh
 version=${1:-$(sed -n 's/^!define PRODUCT_VERSION "\(.*\)"/\1/p' build-windows/product.nsh)}
 
-# What is packed (the build's install rules, component "shipped"), signed when a certificate
-# is given.
+# What is packed of the build (its install rules, component "shipped"), signed when a
+# certificate is given.
 bin="$root/build-windows/packed"
 rm -rf "$bin"
 cmake --install build-windows --prefix "$bin" --component shipped >/dev/null
@@ -29,44 +40,67 @@ for f in "$bin"/*; do
     [ ${#sign[@]} -eq 0 ] || "${sign[@]}" "$f"
 done
 
-# The application's other files: made once per version, the same bytes every time.
-payload="$root/build-windows/installer-payload-$version"
-if [ ! -f "$payload.complete" ]; then
+# The stand-in application: the two programs, generated resources (the same bytes every time),
+# and from version 3 on a folder the earlier versions did not ship.
+if [ -z "$payload" ]; then
+    payload="$root/build-windows/payload-$version"
     rm -rf "$payload"
-    mkdir -p "$payload/images" "$payload/lang"
+    mkdir -p "$payload/resources/images" "$payload/resources/lang"
+    cp "$bin/Tandemo.exe" "$bin/TandemoInstSvc.exe" "$payload/"
     for f in images/splash.bin images/icons.bin lang/zh_CN.dat core.dat; do
         awk -v seed="${#f}" -v version="$version" 'BEGIN { for (i = 0; i < 90000; i++) printf "%08d %s %s\n", (i * 7919 + seed) % 99991, seed, version }' \
-            >"$payload/$f"
+            >"$payload/resources/$f"
     done
-    touch "$payload.complete"
+    if [ "${version%%.*}" -ge 3 ]; then
+        mkdir -p "$payload/plugins"
+        printf 'Corvalen %s default plug-in\n' "$version" >"$payload/plugins/default.plg"
+    fi
 fi
 
-# What the installer stages, one file at a time, each with the share of the bytes done once it
-# is written (up to 95: the swap and the registry come after), and the list the installation
-# keeps of what it holds.
+# A payload Windows cannot hold, or that takes the installer's own names, fails here, by name.
+# The longest path below the folder: what the staging folder ("<folder>\.corvalen-<run>\new\",
+# 31 characters) leaves of Windows' 259 under a default folder of a long user name (about 70).
+max_path=158
+problems=$(cd "$payload" && find . -mindepth 1 -printf '%P\n' | LC_ALL=C sort | awk -v max="$max_path" '
+    { name = $0; sub(/.*\//, "", name); base = toupper(name); sub(/\..*/, "", base) }
+    /[<>:"\\|?*]/ || /[\001-\037]/ { print "a character Windows forbids: " $0; next }
+    name ~ /[. ]$/ { print "a name ending in a dot or a space: " $0; next }
+    base ~ /^(CON|PRN|AUX|NUL|COM[1-9]|LPT[1-9])$/ { print "a name Windows reserves: " $0; next }
+    tolower($0) == "uninstall.exe" || tolower($0) == "uninstall.lst" { print "the installer'"'"'s own name: " $0; next }
+    length($0) > max { print "longer than " max " characters: " $0; next }
+    { lower = tolower($0); if (lower in seen) print "the same name but for case as " seen[lower] ": " $0; seen[lower] = $0 }')
+if [ -n "$problems" ]; then
+    printf 'build-installer: %s cannot be installed on Windows:\n' "$payload" >&2
+    printf '  %s\n' "$problems" >&2
+    exit 1
+fi
+
+# What the installer stages, one file at a time with the bytes done before it and its size
+# (the front end's bar follows the bytes, inside a large file too), the empty folders, and the
+# list the installation keeps of what it holds.
 staged="$root/build-windows/installer-files-$version"
-files() { # source, tab, the path in the installation
-    printf '%s\t%s\n' "$bin/TandemoInstSvc.exe" TandemoInstSvc.exe "$bin/Tandemo.exe" Tandemo.exe
-    (cd "$payload" && find . -type f | LC_ALL=C sort) | while read -r f; do
-        f=${f#./}
-        printf '%s\t%s\n' "$payload/$f" "resources\\${f//\//\\}"
-    done
-}
-total=0
-while IFS=$'\t' read -r source _; do total=$((total + $(stat -c %s "$source"))); done < <(files)
+entries=$(cd "$payload" && find . -mindepth 1 \( -type f -printf 'f\t%s\t%m\t%P\n' \) -o \
+    \( -type d -empty -printf 'd\t0\t%m\t%P\n' \) | LC_ALL=C sort -t$'\t' -k4)
+total=$(awk -F'\t' '{ t += $2 } END { print t + 0 }' <<<"$entries")
+awk -F'\t' -v payload="$payload" -v total="$total" '
+    BEGIN { printf "\357\273\277; Generated by scripts/build-installer.sh.\ncorvalen::Total %s\n", total; dir = "none" }
+    $4 == "" { next }
+    {
+        path = $4; gsub("/", "\\", path); gsub(/\$/, "$$", path)
+        source = payload "/" $4; gsub(/\$/, "$$", source)
+        if ($1 == "d") { print "CreateDirectory \"$STAGE\\" path "\""; next }
+        folder = path; if (!sub(/\\[^\\]*$/, "", folder)) folder = ""
+        if (folder != dir) print "SetOutPath \"$STAGE" (folder == "" ? "" : "\\" folder) "\""
+        dir = folder
+        print "!insertmacro Stage \"" source "\" \"" path "\" " done + 0 " " $2
+        # No write permission in the payload: read-only where it is installed too.
+        if (substr($3, length($3) - 2) !~ /[2367]/) print "SetFileAttributes \"$STAGE\\" path "\" READONLY"
+        done += $2
+    }' <<<"$entries" >"$staged.nsh"
 {
-    echo "; Generated by scripts/build-installer.sh."
-    done=0 dir=none
-    while IFS=$'\t' read -r source target; do
-        folder=
-        [[ $target == *\\* ]] && folder="\\${target%\\*}"
-        [ "$folder" = "$dir" ] || echo "SetOutPath \"\$STAGE$folder\""
-        dir=$folder
-        done=$((done + $(stat -c %s "$source")))
-        echo "!insertmacro Stage \"$source\" \"$target\" $((done * 95 / total))"
-    done < <(files)
-} >"$staged.nsh"
-{ printf 'Uninstall.exe\r\n'; files | cut -f2 | sed 's/$/\r/'; } >"$staged.lst"
+    printf 'Uninstall.exe\r\n'
+    awk -F'\t' '$4 != "" { path = $4; gsub("/", "\\", path); printf "%s%s\r\n", path, ($1 == "d" ? "\\" : "") }' <<<"$entries"
+} >"$staged.lst"
 
 out="$root/build-windows/${CORVALEN_INSTALLER_NAME:-CorvalenInstaller}.exe"
 # makensis takes the script's folder as its own; the paths it is given are absolute.

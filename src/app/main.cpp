@@ -1,6 +1,7 @@
 #include "app/global.h"
 #include "app/launchparams.h"
 #include "app/startup.h"
+#include "app/suite.h"
 #include "kit/fonts.h"
 #include "loading/widget.h"
 
@@ -22,8 +23,7 @@ int main(int argc, char *argv[])
     QApplication a(argc, argv);
     installFontSubstitutions();
 
-    if (os::platform().createNamedMutex(Startup::kInstanceMutexName) ==
-        os::MutexResult::AlreadyExists) {
+    if (os::platform().createNamedMutex(kInstanceMutexName) == os::MutexResult::AlreadyExists) {
         qDebug() << "one instance already exists, exit";
         return 0;
     }

@@ -7,8 +7,6 @@
 
 namespace Startup {
 
-const char kInstanceMutexName[] = "Global\\{C9810FB0-B51D-4513-8B16-57A42F7CF5B5}";
-
 QByteArray screenScaleFactors(float primary, float secondary)
 {
     return (QString::number(static_cast<double>(primary), 'g', 6) + ";" +

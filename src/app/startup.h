@@ -6,9 +6,6 @@
 
 namespace Startup {
 
-// The name of the machine-wide instance lock.
-extern const char kInstanceMutexName[];
-
 // "primary;secondary" as QT_SCREEN_SCALE_FACTORS takes it, e.g. "1.5;1".
 QByteArray screenScaleFactors(float primary, float secondary);
 
