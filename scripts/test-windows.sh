@@ -40,5 +40,5 @@ CORVALEN_EXPECT_DPI=144 ctest --preset windows || status=1
 wine_stop
 
 wine_on_private_display "$root/build-windows/wineprefix-e2e"
-CORVALEN_WINDOWS_BIN="$root/build-windows/bin" ctest --preset wine || status=1
+ctest --preset wine || status=1
 exit "$status"
