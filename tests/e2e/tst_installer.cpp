@@ -459,6 +459,70 @@ private slots:
             QCOMPARE(tree(copy), installed);
     }
 
+    // Started by a person, the installer says why it stops before anything changes, and ends
+    // with its own exit code and a log line: run as administrator, another installer's window
+    // open (the front end's guard is machine-wide), a front end that cannot start, an installed
+    // version it cannot read. A folder of somebody else's files is a question: answered yes,
+    // the installation goes in among them and leaves them as they were.
+    void refused_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("run as administrator") << "elevated" << 6 << "refused: run as administrator";
+        QTest::newRow("another installer window open")
+            << "window" << 4 << "another Corvalen installer window is open";
+        QTest::newRow("the front end cannot start")
+            << "broken" << 7 << "front end ended without a word";
+        QTest::newRow("an unreadable installed version") << "unreadable" << 3 << "cannot be read";
+        QTest::newRow("a folder of somebody else's files, taken")
+            << "occupied" << 0 << "installing among the files already in";
+    }
+    void refused()
+    {
+        QFETCH(QString, how);
+        QFETCH(int, exitCode);
+        QFETCH(QString, logged);
+        const QString occupied = m_dir.path() + "/occupied/Corvalen";
+        const Tree user = how == "occupied" ? plantUserData(occupied) : Tree();
+        if (how == "window") { // the front end in self-test mode holds the guard
+            start(kWindowsBin + "/" + kFrontEnd, {}, false);
+            QVERIFY(!waitWindow(kMainFolded, 30000).isEmpty());
+        }
+        if (how == "unreadable")
+            run(kWine64, {"reg", "add", kRegKey, "/v", "Version", "/d", "3.x", "/f"});
+        // The front end does not start when a library it imports is switched off.
+        const QString appDefaults =
+            "HKCU\\Software\\Wine\\AppDefaults\\" + kFrontEnd + "\\DllOverrides";
+        if (how == "broken")
+            run(kWine64, {"reg", "add", appDefaults, "/v", "ws2_32", "/d", "", "/f"});
+        const auto restore = qScopeGuard([&] {
+            run(kWine64, {"reg", "delete", appDefaults, "/f"});
+        });
+        QStringList arguments{"/LOG=" + native(logFile())};
+        if (how == "occupied")
+            arguments << "/D=" + windowsPath(occupied);
+        QProcess *installer = start(kInstaller, arguments, how != "elevated");
+        if (how == "occupied") {
+            const QString main = waitWindow(kMainFolded, 60000);
+            clickAt(main, kCheckBox);
+            clickAt(main, kInstall);
+            QVERIFY(answerBox(
+                {"shift+Tab", "Return"})); // 仍要安装到这个文件夹吗？ yes, not the default
+            QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
+            clickAt(main, kClose);
+        } else {
+            QVERIFY(answerBox());
+        }
+        QVERIFY(installer->waitForFinished(30000));
+        QCOMPARE(installer->exitCode(), exitCode);
+        QVERIFY2(engineLog().contains(logged.toUtf8()), engineLog().constData());
+        if (how == "occupied")
+            verifyState(kNewest, occupied, user);
+        else
+            QCOMPARE(registry("DisplayVersion", kUninstallKey), QString());
+    }
+
     // What a publisher ships, as the user's machine has it: every program signed (the test
     // command's throwaway certificate), the uninstaller the installer wrote included, with the
     // product's version resource; the icon where a person sees one; the front end's manifest
@@ -498,6 +562,47 @@ private slots:
         QVERIFY(!file.endsWith("CorvalenSetup.exe") ||
                 (manifest.contains("asInvoker") && !manifest.contains("dpiAware") &&
                  !manifest.contains("activeCodePage")));
+    }
+
+    // Windows looks for a program's imports beside it first, but for its "known DLLs": the front
+    // end imports only those, the rest is loaded at first use from the system folder. Run from a
+    // folder where libraries named like the rest lie (a download folder; the installer's own
+    // temporary folder), it loads none of them, though Wine is told to prefer such files to its
+    // own. (Not version.dll: Wine's own libraries import it, and Wine looks beside the program
+    // for it; Windows takes a known DLL's imports from its own folder.)
+    void plantedLibraries()
+    {
+        const QString imports =
+            run("sh", {"-c", "x86_64-w64-mingw32-objdump -p '" + kWindowsBin +
+                                 "/CorvalenSetup.exe' | sed -n 's/.*DLL Name: //p'"});
+        QCOMPARE(imports.toLower().split('\n'),
+                 QString("gdi32.dll kernel32.dll msvcrt.dll user32.dll advapi32.dll imm32.dll "
+                         "ole32.dll oleaut32.dll shell32.dll ws2_32.dll")
+                     .split(' '));
+        const QString folder = m_dir.path() + "/downloads", marker = m_dir.path() + "/loaded";
+        QDir().mkpath(folder);
+        for (const char *program : {"CorvalenSetup.exe", "TandemoInstSvc.exe"})
+            QVERIFY(QFile::copy(kWindowsBin + "/" + program, folder + "/" + program));
+        const QStringList names{"dwmapi", "netapi32", "userenv", "uxtheme", "winmm", "wtsapi32"};
+        for (const QString &name : names)
+            QVERIFY(
+                QFile::copy(kWindowsBin + "/corvalen-marker.dll", folder + "/" + name + ".dll"));
+        const QByteArray overrides = qgetenv("WINEDLLOVERRIDES");
+        qputenv("WINEDLLOVERRIDES", overrides + ";" + names.join(',').toUtf8() + "=n,b");
+        qputenv("CORVALEN_MARKER", native(marker).toUtf8());
+        const auto restore = qScopeGuard([&] {
+            qputenv("WINEDLLOVERRIDES", overrides);
+            qunsetenv("CORVALEN_MARKER");
+        });
+        start(folder + "/CorvalenSetup.exe", {}, false);
+        const QString main = waitWindow(kMainFolded, 30000);
+        clickAt(main, kClose); // the close question: uxtheme, dwmapi, winmm at work
+        QVERIFY(!waitWindow(kMsgBox, 10000).isEmpty());
+        QFile loaded(marker);
+        QVERIFY2(!loaded.open(QFile::ReadOnly),
+                 qPrintable("loaded: " + QString::fromUtf16(reinterpret_cast<const char16_t *>(
+                                                                loaded.readAll().constData()),
+                                                            int(loaded.size() / 2))));
     }
 
 private:
