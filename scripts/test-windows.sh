@@ -9,21 +9,25 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-# A throwaway code-signing certificate: the build signs everything with it, the installer tier
-# verifies every signature.
+# A throwaway code-signing certificate whose key has a password, as a real one has: the build
+# signs everything with it, the installer tier verifies every signature.
 signing="$root/build-windows/signing"
-if [ ! -f "$signing/cert.pem" ]; then
+if [ ! -f "$signing/cert.pem" ] || ! grep -q ENCRYPTED "$signing/key.pem"; then
     mkdir -p "$signing"
-    openssl req -x509 -newkey rsa:3072 -sha256 -days 3650 -nodes -subj "/CN=Corvalen test signing" \
+    printf 'throwaway' >"$signing/password"
+    openssl req -x509 -newkey rsa:3072 -sha256 -days 3650 -subj "/CN=Corvalen test signing" \
         -addext "extendedKeyUsage=codeSigning" -addext "keyUsage=digitalSignature" \
-        -keyout "$signing/key.pem" -out "$signing/cert.pem" 2>/dev/null
+        -passout "file:$signing/password" -keyout "$signing/key.pem" -out "$signing/cert.pem" \
+        2>/dev/null
 fi
 export CORVALEN_SIGN_CERT="$signing/cert.pem" CORVALEN_SIGN_KEY="$signing/key.pem"
+export CORVALEN_SIGN_PASSWORD_FILE="$signing/password"
 scripts/build-installer.sh
 # An older version for the upgrade stories, from the same script.
 CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0
 cmake --preset native >/dev/null
-cmake --build build -j"$(nproc)" --target tst_e2e CorvalenSetup corvalen-engine TandemoInstSvc Tandemo
+cmake --build build -j"$(nproc)" --target tst_e2e tst_installer CorvalenSetup corvalen-engine \
+    TandemoInstSvc Tandemo
 
 # shellcheck source=lib/wine.sh
 source scripts/lib/wine.sh
