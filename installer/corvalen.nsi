@@ -71,6 +71,12 @@ UninstallCaption "Corvalen 卸载程序"
 OutFile "${OUT}"
 InstallDir "${DEFAULTDIR}"
 !addplugindir /amd64-unicode "${PLUGINS}"
+; First in the compressed data: .onInit unpacks them before anything else, and what lies before
+; them in a solid block would be decompressed first (the whole application), with no window
+; on the screen meanwhile.
+ReserveFile /plugin corvalen.dll
+ReserveFile "${BIN}/CorvalenSetup.exe"
+ReserveFile "${BIN}/TandemoInstSvc.exe"
 
 !include FileFunc.nsh
 !include LogicLib.nsh
@@ -100,11 +106,11 @@ Var PREVIOUS ; the registered folder, when this run installs elsewhere
 ; One staged file, its path, the bytes staged before it and its size named first: the front
 ; end's bar follows the bytes, inside a large file too. /nonfatal: a write error comes back here,
 ; to be logged with its cause, instead of NSIS's own silent abort.
-!macro Stage SOURCE TARGET BEFORE SIZE
+!macro Stage SOURCE NAME TARGET BEFORE SIZE
   corvalen::Staging "$STAGE\${TARGET}" ${BEFORE} ${SIZE}
   !insertmacro Answered
   ClearErrors
-  File /nonfatal "${SOURCE}"
+  File /nonfatal "/oname=${NAME}" "${SOURCE}"
   ${If} ${Errors}
     corvalen::WriteError "$STAGE\${TARGET}"
     Abort

@@ -23,8 +23,13 @@ fi
 export CORVALEN_SIGN_CERT="$signing/cert.pem" CORVALEN_SIGN_KEY="$signing/key.pem"
 export CORVALEN_SIGN_PASSWORD_FILE="$signing/password"
 scripts/build-installer.sh
-# An older version for the upgrade stories, from the same script.
+# An older version for the upgrade stories, from the same script, and one that packs a
+# folder of every odd name with a large file.
 CORVALEN_INSTALLER_NAME=CorvalenInstaller-2.0.0.0 scripts/build-installer.sh 2.0.0.0
+# shellcheck source=lib/payload.sh
+source scripts/lib/payload.sh
+make_payload build-windows/payload-test test
+CORVALEN_INSTALLER_NAME=CorvalenInstaller-payload scripts/build-installer.sh --payload build-windows/payload-test
 cmake --preset native >/dev/null
 cmake --build build -j"$(nproc)" --target tst_e2e tst_installer CorvalenSetup corvalen-engine \
     TandemoInstSvc Tandemo

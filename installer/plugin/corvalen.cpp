@@ -44,6 +44,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <string>
 
 namespace {
@@ -195,17 +196,35 @@ void post(std::uint32_t message, std::uint64_t wParam, std::int64_t lParam)
 }
 
 // The bar follows the bytes staged, never backwards: before each file the script names it with
-// the bytes staged before it and its size, and a watcher reads how far the file has grown while
-// NSIS writes it, so that the bar moves inside a large file too. The staging ends at 95 %; the
-// commit, then Finish's 100 % follow.
+// the bytes staged before it and its size, and a watcher reads how far the file has come while
+// NSIS unpacks it, so that the bar moves inside a large file too. From a solid block NSIS
+// decompresses a file into a temporary file of its own in %TEMP% ("ns*.tmp") and copies it
+// into place only once whole: what that file has grown by since the file was named counts as
+// well. The staging ends at 95 %; the commit, then Finish's 100 % follow.
 struct Staging
 {
     SRWLOCK lock = SRWLOCK_INIT;
     std::wstring path;
     std::int64_t before = 0, size = 0, total = 0, lastBytes = -1;
     int lastPercent = -1;
+    std::map<std::wstring, std::int64_t> unpacking; // NSIS's temporary files and their sizes
     HANDLE stop = nullptr, watcher = nullptr;
 } g_staging;
+
+std::map<std::wstring, std::int64_t> unpackingFiles()
+{
+    std::map<std::wstring, std::int64_t> sizes;
+    wchar_t temp[MAX_PATH];
+    const std::wstring folder(temp, GetTempPathW(MAX_PATH, temp));
+    winutil::forEachEntry(folder.substr(0, folder.size() - 1), [&](const WIN32_FIND_DATAW &entry) {
+        const std::wstring name = entry.cFileName;
+        if (!(entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && name.size() > 6 &&
+            name.compare(0, 2, L"ns") == 0 &&
+            winutil::lower(name.substr(name.size() - 4)) == L".tmp")
+            sizes[name] = std::int64_t(entry.nFileSizeHigh) << 32 | entry.nFileSizeLow;
+    });
+    return sizes;
+}
 
 // Under the lock; a message only when something moved.
 void reportLocked(std::int64_t bytes, int percent)
@@ -230,13 +249,18 @@ DWORD WINAPI watchStaging(void *)
 {
     while (WaitForSingleObject(g_staging.stop, 100) == WAIT_TIMEOUT) {
         AcquireSRWLockExclusive(&g_staging.lock);
+        std::int64_t written = 0;
         WIN32_FILE_ATTRIBUTE_DATA data;
         if (!g_staging.path.empty() &&
-            GetFileAttributesExW(g_staging.path.c_str(), GetFileExInfoStandard, &data)) {
-            const std::int64_t written =
-                std::int64_t(data.nFileSizeHigh) << 32 | std::int64_t(data.nFileSizeLow);
-            reportLocked(g_staging.before + std::min(written, g_staging.size), -1);
+            GetFileAttributesExW(g_staging.path.c_str(), GetFileExInfoStandard, &data))
+            written = std::int64_t(data.nFileSizeHigh) << 32 | std::int64_t(data.nFileSizeLow);
+        for (const auto &[name, size] : unpackingFiles()) {
+            const auto before = g_staging.unpacking.find(name);
+            written = std::max(written,
+                               size - (before == g_staging.unpacking.end() ? 0 : before->second));
         }
+        if (!g_staging.path.empty())
+            reportLocked(g_staging.before + std::min(written, g_staging.size), -1);
         ReleaseSRWLockExclusive(&g_staging.lock);
     }
     return 0;
@@ -543,10 +567,13 @@ NSIS_PLUGIN_FUNCTION(Staging)
     nsis::Stack stack(stringSize, stackTop);
     const std::wstring path = stack.pop();
     const std::int64_t before = _wtoi64(stack.pop().c_str()), size = _wtoi64(stack.pop().c_str());
+    std::map<std::wstring, std::int64_t> unpacking =
+        g_staging.watcher ? unpackingFiles() : std::map<std::wstring, std::int64_t>();
     AcquireSRWLockExclusive(&g_staging.lock);
     g_staging.path = path;
     g_staging.before = before;
     g_staging.size = size;
+    g_staging.unpacking.swap(unpacking);
     ReleaseSRWLockExclusive(&g_staging.lock);
     stack.push(g_frontEnd ? checkFrontEnd(before, -1) : L"ok");
 }

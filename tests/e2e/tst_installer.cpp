@@ -523,6 +523,86 @@ private slots:
             QCOMPARE(registry("DisplayVersion", kUninstallKey), QString());
     }
 
+    // The application as a release engineer packs it (scripts/lib/payload.sh: a few hundred
+    // files, one of 20 MB, every odd name a folder may hold): installed file for file, byte for
+    // byte, the read-only one read-only; the bar moved while the large file was written, never
+    // backwards, with no more than 250 ms between two progress messages, and ended at 100.
+    void payload()
+    {
+        const QString folder = kWindowsBin + "/../payload-test";
+        // What the front end logs goes to the debugger (OutputDebugStringW), which Wine traces
+        // with its clock when told to.
+        const QByteArray debug = qgetenv("WINEDEBUG");
+        const QString wineDebug = "HKCU\\Software\\Wine\\Debug";
+        run(kWine64, {"reg", "add", wineDebug, "/v", "RelayInclude", "/d",
+                      "KERNEL32.OutputDebugStringW", "/f"});
+        qputenv("WINEDEBUG", "-all,+relay,+timestamp");
+        const auto restore = qScopeGuard([&] {
+            qputenv("WINEDEBUG", debug);
+            run(kWine64, {"reg", "delete", wineDebug, "/v", "RelayInclude", "/f"});
+        });
+        QProcess *installer =
+            start(kInstaller.section(".exe", 0, 0) + "-payload.exe", {"/unattended"});
+        const QString main = waitWindow(kMainFolded, 60000);
+        // A slower machine: the installer runs a quarter of the time, so that its large file
+        // takes a while to unpack, as it does on a slow disk.
+        const pid_t pid = pid_t(ours("CorvalenInstaller-payload.exe").value(0));
+        QElapsedTimer clock;
+        clock.start();
+        for (int i = 1; !(i % 100 == 0 && completionPageShown(main)) && clock.elapsed() < 120000;
+             ++i) {
+            ::kill(pid, SIGCONT);
+            QThread::usleep(2000);
+            ::kill(pid, SIGSTOP);
+            QCoreApplication::processEvents(); // what the programs write is read meanwhile
+            QThread::usleep(6000);
+        }
+        ::kill(pid, SIGCONT);
+        QVERIFY(completionPageShown(main));
+        clickAt(main, kClose);
+        QVERIFY(installer->waitForFinished(30000));
+        QCOMPARE(installer->exitCode(), 0);
+        Tree installed = tree(m_installDir);
+        QVERIFY(installed.remove("Uninstall.exe") && installed.remove("Uninstall.lst"));
+        QCOMPARE(installed.keys(), tree(folder).keys());
+        QVERIFY(installed == tree(folder));
+        QVERIFY(!(QFileInfo(m_installDir + "/read-only.txt").permissions() & QFile::WriteOwner));
+        // What the front end received, when: seconds, and the percentage.
+        QList<QPair<double, int>> progress;
+        const QRegularExpression line("^([0-9.]+):.*OutputDebugStringW.*IPCmForm::nativeEvent: "
+                                      ".*msg=WM_MYPROGRESS, wp=(\\d+)");
+        for (const QByteArray &text : m_programs.output.split('\n'))
+            if (const auto match = line.match(QString::fromUtf8(text)); match.hasMatch())
+                progress << qMakePair(match.captured(1).toDouble(), match.captured(2).toInt());
+        QVERIFY(!progress.isEmpty());
+        QCOMPARE(progress.last().second, 100);
+        // The large file's share of the bytes, in percent.
+        qint64 before = 0, total = 0, size = QFileInfo(folder + "/big engine.dll").size();
+        for (auto it = installed.begin(); it != installed.end(); ++it) {
+            before += it.key() < "big engine.dll" ? it.value().size() : 0;
+            total += it.value().size();
+        }
+        const int from = int(95 * before / total), to = int(95 * (before + size) / total);
+        int during = 0;
+        for (int i = 1; i < progress.size(); ++i) {
+            QVERIFY2(progress[i].second >= progress[i - 1].second, "backwards");
+            if (progress[i].second > from && progress[i - 1].second < to) {
+                ++during;
+                QVERIFY2(progress[i].first - progress[i - 1].first <= 0.25,
+                         qPrintable(QString("%1 s without a message, at %2 %")
+                                        .arg(progress[i].first - progress[i - 1].first)
+                                        .arg(progress[i].second)));
+            }
+        }
+        double widest = 0;
+        for (int i = 1; i < progress.size(); ++i)
+            if (progress[i].second > from && progress[i - 1].second < to)
+                widest = std::max(widest, progress[i].first - progress[i - 1].first);
+        qInfo("%d messages while the large file was written (%d %% to %d %%), at most %.3f s apart",
+              during, from, to, widest);
+        QVERIFY2(during >= 3, qPrintable(QString::number(during))); // the bar moved inside it
+    }
+
     // What a publisher ships, as the user's machine has it: every program signed (the test
     // command's throwaway certificate), the uninstaller the installer wrote included, with the
     // product's version resource; the icon where a person sees one; the front end's manifest
