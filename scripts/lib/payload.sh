@@ -7,14 +7,19 @@
 #   make_payload DIR realistic   about 300 MB in about 3 000 files, shaped like a meeting
 #                                application: a browser engine of 160 MB, a few tens of
 #                                libraries of MBs, thousands of small resources
-# Content compresses as the real thing does: Windows libraries are Wine's own PE files, text is
-# what they and the licences hold, images are PNG files rendered from the project's own SVG.
+# Content compresses as the real thing does: a library is Wine's own PE files, the largest
+# first, with every third already compressed, as a real one's resources are (LZMA leaves about
+# a third of the whole); text is what they and the licences hold; images are PNG files rendered
+# from the project's own SVG.
 payload_dlls=()
 
 # A file of `size` bytes of the PE files, from the `offset`-th on.
 payload_binary() { # path size offset
     mkdir -p "$(dirname "$1")"
-    cat "${payload_dlls[@]:$(($3 % ${#payload_dlls[@]}))}" 2>/dev/null | head -c "$2" >"$1" || true
+    local n=0 dll
+    for dll in "${payload_dlls[@]:$(($3 % ${#payload_dlls[@]}))}"; do
+        if ((n++ % 3 == 2)); then gzip -9 -n -c "$dll"; else cat "$dll"; fi
+    done 2>/dev/null | head -c "$2" >"$1" || true
 }
 
 # Text a resource file holds: the strings of a PE file, then licences.
@@ -36,8 +41,8 @@ payload_images() { # folder count
 
 make_payload() { # dir kind
     local dir=$1 i
-    mapfile -t payload_dlls < <(find /usr/lib/x86_64-linux-gnu/wine/x86_64-windows -name '*.dll' |
-        LC_ALL=C sort)
+    mapfile -t payload_dlls < <(find /usr/lib/x86_64-linux-gnu/wine/x86_64-windows -name '*.dll' \
+        -printf '%s %p\n' | LC_ALL=C sort -k1,1nr -k2 | cut -d' ' -f2-)
     rm -rf "$dir"
     mkdir -p "$dir"
     if [ "$2" = realistic ]; then
