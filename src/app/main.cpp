@@ -2,6 +2,8 @@
 #include "app/launchparams.h"
 #include "app/startup.h"
 #include "app/suite.h"
+#include "kit/accessibility.h"
+#include "kit/focusring.h"
 #include "kit/fonts.h"
 #include "loading/widget.h"
 
@@ -22,6 +24,8 @@ int main(int argc, char *argv[])
 {
     QApplication a(argc, argv);
     installFontSubstitutions();
+    FocusRing::installStyle();
+    Accessibility::install();
 
     if (os::platform().createNamedMutex(kInstanceMutexName) == os::MutexResult::AlreadyExists) {
         qDebug() << "one instance already exists, exit";

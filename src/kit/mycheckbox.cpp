@@ -1,5 +1,7 @@
 #include "kit/mycheckbox.h"
 
+#include "kit/accessibility.h"
+
 #include <QEvent>
 
 MyCheckBox::MyCheckBox(QWidget *parent) : QPushButton(parent)
@@ -10,8 +12,11 @@ MyCheckBox::MyCheckBox(QWidget *parent) : QPushButton(parent)
 
 void MyCheckBox::setCheckState(bool bChecked)
 {
+    const bool bChanged = bChecked != m_bChecked;
     m_bChecked = bChecked;
     emit sgClicked(m_bChecked);
+    if (bChanged)
+        Accessibility::announceChecked(this);
 }
 
 void MyCheckBox::setGeometry(const QRect &rect)

@@ -1,6 +1,7 @@
 #include "kit/mymsgbox.h"
 #include "ui_mymsgbox.h"
 
+#include "kit/focusring.h"
 #include "kit/globalstyle.h"
 #include "kit/windowdrag.h"
 
@@ -28,6 +29,12 @@ MyMsgBox::MyMsgBox(QWidget *parent) : QDialog(parent), ui(new Ui::MyMsgBox)
 
     Global::LoadStyleSheet(this, ":/mymsgbox.qss");
     Global::CreateShadowFrame(this, ui->frame, 4, 8);
+
+    // The keyboard in reading order: ✕ at the top, then the buttons from the left.
+    setTabOrder(ui->btnClose, ui->btnCancel);
+    setTabOrder(ui->btnCancel, ui->btnOK);
+    ui->btnClose->setAccessibleName("关闭");
+    new FocusRing(this, ui->frame);
 }
 
 MyMsgBox::~MyMsgBox()
@@ -84,6 +91,11 @@ void MyMsgBox::setButtonsVisible(bool bCancelVisible, bool bOKVisible)
 int MyMsgBox::showMsg(const QString &strLine1, const QString &strLine2)
 {
     setLines(strLine1, strLine2);
+    // Read out as a dialog whose description is its question.
+    setAccessibleName(ui->lblTitle->text());
+    setAccessibleDescription(strLine2.isEmpty() ? strLine1 : strLine1 + "\n" + strLine2);
+    // Return answers what the focus is on: the cancel, as the close button it stands for would.
+    (ui->btnCancel->isHidden() ? ui->btnOK : ui->btnCancel)->setFocus();
     return exec();
 }
 

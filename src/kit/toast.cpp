@@ -1,6 +1,7 @@
 #include "kit/toast.h"
 #include "ui_toast.h"
 
+#include "kit/accessibility.h"
 #include "kit/globalstyle.h"
 
 #include <QFontMetrics>
@@ -61,6 +62,7 @@ void Toast::showToast(const QString &strText, int iDurationMs)
     repaint();
     show();
     raise();
+    Accessibility::announceAlert(this);
     m_iDurationMs = iDurationMs;
     m_timer.start(100);
     m_elapsedTime.start();

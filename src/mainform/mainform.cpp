@@ -4,6 +4,8 @@
 #include "app/global.h"
 #include "ipc/ipcmessages.h"
 #include "ipc/ipcmform.h"
+#include "kit/accessibility.h"
+#include "kit/focusring.h"
 #include "kit/globalstyle.h"
 #include "kit/mymsgbox.h"
 #include "kit/toast.h"
@@ -81,6 +83,36 @@ MainForm::MainForm(QWidget *parent) : QDialog(parent), ui(new Ui::MainForm)
     connect(ui->btnChkbox, SIGNAL(sgClicked(bool)), this, SLOT(slServiceClicked(bool)));
     connect(ui->btnMore1, SIGNAL(sgFoldState(bool)), this, SLOT(slFoldState(bool)));
     Global::LoadStyleSheet(this, ":/mainform.qss");
+    setUpKeyboardAndAccessibility();
+}
+
+void MainForm::setUpKeyboardAndAccessibility()
+{
+    // The keyboard goes in reading order, top to bottom and left to right; the arrow of 更多选项
+    // is one stop with its text, and the folded-away path panel none (applyFoldState).
+    ui->btnMore1->setFocusPolicy(Qt::NoFocus);
+    QWidget *const order[] = {ui->btnClose,   ui->btnInstall,     ui->btnChkbox,
+                              ui->btnService, ui->btnPrivate,     ui->btnMore0,
+                              ui->txtPath,    ui->btnBrowserPath, ui->btnStartup};
+    for (std::size_t i = 1; i < std::size(order); ++i)
+        setTabOrder(order[i - 1], order[i]);
+    auto *ring = new FocusRing(this, ui->frame);
+    ring->addCompanion(ui->btnMore0, ui->btnMore1);
+
+    ui->btnClose->setAccessibleName("关闭");
+    ui->btnChkbox->setAccessibleName("我已阅读并同意《服务协议》和《隐私政策》");
+    Accessibility::markAsLink(ui->btnService);
+    ui->btnService->setAccessibleDescription("在浏览器中打开服务协议");
+    Accessibility::markAsLink(ui->btnPrivate);
+    ui->btnPrivate->setAccessibleDescription("在浏览器中打开隐私政策");
+    ui->btnMore0->setAccessibleDescription("显示或隐藏安装位置");
+    ui->btnMore1->setAccessibleName("更多选项");
+    ui->txtPath->setAccessibleName("安装位置");
+    ui->btnBrowserPath->setAccessibleDescription("选择安装位置");
+    Accessibility::markAsProgressBar(ui->lblProgressBg);
+    ui->lblProgressBg->setAccessibleName("安装进度");
+    applyFoldState();
+    ui->btnInstall->setFocus(); // where a keyboard user starts: the window's one action
 }
 
 MainForm::~MainForm()
@@ -152,6 +184,11 @@ void MainForm::applyFoldState()
 {
     const int h = m_bUnfolded ? m_nUnfoldedHeight : m_nFoldedHeight;
     Global::SetWidgetProperty(ui->btnMore1, "css", m_bUnfolded ? "up" : "down");
+    // Folded away, the path panel is out of sight: out of the keyboard's reach too.
+    ui->txtPath->setFocusPolicy(m_bUnfolded ? Qt::StrongFocus : Qt::NoFocus);
+    ui->btnBrowserPath->setFocusPolicy(m_bUnfolded ? Qt::StrongFocus : Qt::NoFocus);
+    Accessibility::setExpanded(ui->btnMore0, m_bUnfolded);
+    Accessibility::setExpanded(ui->btnMore1, m_bUnfolded);
     setFixedSize(m_iWidth, h);
     ui->frame->setFixedSize(m_iWidth, h);
     ui->frame->move(0, 0);
@@ -353,6 +390,7 @@ void MainForm::slUpdateProgress()
     const int w = InstallLogic::progressBarWidth(ui->lblProgressBg->width(), m_iProgress);
     ui->lblProgressFg->resize(w, ui->lblProgressFg->height());
     repaint();
+    Accessibility::announceValue(ui->lblProgressBg, m_iProgress);
     if (m_iProgress == 100) {
         Global::Delay(1000);
         showCompletedPage();
@@ -369,6 +407,7 @@ void MainForm::showCompletedPage()
     ui->lblProgressBg->hide();
     ui->lblLogo->setPixmap(QPixmap("://images/completed@2x.png"));
     ui->btnStartup->show();
+    ui->btnStartup->setFocus();
     m_timerProgress.stop();
     repaint();
 }

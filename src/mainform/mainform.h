@@ -59,6 +59,7 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    void setUpKeyboardAndAccessibility();
     void applyFoldState();
     void showChoosePage();
     void showInstallingPage();

@@ -135,6 +135,30 @@ private slots:
         QVERIFY2(kWine || !log().contains("qt.qpa"), qPrintable(log())); // Wine keeps the log
     }
 
+    // With the keys alone, as a person who cannot use a mouse: the window given the input
+    // focus, Tab to the agreement (its ring in sight), Space, back to 安装, Return; Return again
+    // on 开始使用.
+    void installByKeys()
+    {
+        const QString target = m_dir.path() + "/keys/Tandemo";
+        QDir().mkpath(m_dir.path() + "/keys");
+        QProcess *engine =
+            start(kBin + "/" + kEngine, {"--log", native(logFile()), "--payload", native(kPayload),
+                                         "--target", native(target)});
+        const QString main = waitWindow(kMainFolded);
+        QVERIFY(!main.isEmpty());
+        QTRY_VERIFY_WITH_TIMEOUT(posted().contains("1129/1") && posted().size() >= 2, 10000);
+        run("xdotool", kAway);
+        run("xdotool", {"windowfocus", "--sync", main, "key", "Tab"});
+        QVERIFY_SCREEN(main, "choice-focus-agreement");
+        run("xdotool", {"key", "--delay", "100", "space", "shift+Tab", "Return"});
+        QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 30000);
+        run("xdotool", {"key", "Return"});
+        QVERIFY(engine->waitForFinished(30000) && engine->exitCode() == 0);
+        QVERIFY(sameTree(kPayload, target));
+        QCOMPARE(messages("in").mid(1), QStringList({"1125/1", "1126/0"}));
+    }
+
     // Self-test mode: a second copy refused, the suite's running members closed after the
     // question, the simulated progress run to the completion page, whose button ends it.
     void selfTest()

@@ -642,6 +642,9 @@ private slots:
         QVERIFY(!file.endsWith("CorvalenSetup.exe") ||
                 (manifest.contains("asInvoker") && !manifest.contains("dpiAware") &&
                  !manifest.contains("activeCodePage")));
+        // Qt's bridge to UI Automation is linked in: screen readers read the front end.
+        QVERIFY(!file.endsWith("CorvalenSetup.exe") ||
+                run("strings", {"-a", file}).contains("UiaReturnRawElementProvider"));
     }
 
     // Windows looks for a program's imports beside it first, but for its "known DLLs": the front

@@ -1,7 +1,8 @@
 // Every window state a person sees, grabbed offscreen at scale 1 and compared with a reviewed
 // reference picture. scripts/update-references.sh rewrites the references on purpose.
-#include "fakeplatform.h"
+#include "widgethelpers.h"
 
+#include "kit/focusring.h"
 #include "kit/fonts.h"
 #include "kit/mymsgbox.h"
 #include "kit/toast.h"
@@ -26,6 +27,7 @@ private slots:
     void initTestCase()
     {
         installFontSubstitutions();
+        FocusRing::installStyle();
         Global::SetVersionNew("3.0.0.5");
     }
     void window_data()
@@ -79,6 +81,18 @@ private slots:
             more(f);
             child<QPushButton>(&f, "btnChkbox")->click();
         });
+        // The keyboard's focus ring: on the agreement box after one Tab, on 更多选项 and its
+        // arrow at once after four more.
+        const auto tabs = [](int n) {
+            return [=](MainForm &f) {
+                QApplication::setActiveWindow(&f);
+                for (int i = 0; i < n; ++i)
+                    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+                QTest::qWait(50);
+            };
+        };
+        QTest::newRow("choice-focus-agreement") << form(true, false, tabs(1));
+        QTest::newRow("choice-focus-options") << form(true, false, tabs(4));
         QTest::newRow("installing-50") << form(false, false, progress(50));
         QTest::newRow("completed") << form(false, false, progress(100));
         const std::tuple<const char *, QString, bool> boxes[] = {
