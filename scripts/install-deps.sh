@@ -7,6 +7,8 @@ packages=(
     # build
     cmake g++ make pkg-config
     qtbase5-dev qtbase5-dev-tools libqt5svg5-dev libxcb1-dev
+    # the unit tests switch Qt's accessibility on, as a screen reader's arrival does
+    qtbase5-private-dev
     googletest libgtest-dev
     # display for the os and e2e tiers, the demo's screenshots, fonts for the CJK texts
     xvfb xauth xdotool fonts-wqy-microhei procps

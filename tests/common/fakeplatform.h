@@ -1,16 +1,15 @@
-// What the unit tests share: a scriptable os::Platform that records every call, the Qt debug
-// stream, named children, modal answers, a bounded event loop, event hooks; pixels.h the pixel
-// differences.
+// What every unit test shares, Qt Core only: a scriptable os::Platform that records every call,
+// the Qt debug stream, event hooks, a bounded event loop. widgethelpers.h adds
+// what the windows' tests share.
 #pragma once
 
 #include <QtTest>
-#include <QtWidgets>
 #include <map>
+#include <numeric>
 #include <set>
 
 #include "app/global.h"
 #include "os/os.h"
-#include "pixels.h"
 
 using Ids = std::vector<os::ProcessId>;
 
@@ -107,31 +106,6 @@ struct EventHook : QObject
     EventHook(QObject *o, std::function<void(QEvent *)> f) : fn(f) { o->installEventFilter(this); }
     bool eventFilter(QObject *, QEvent *e) override { return fn(e), false; }
 };
-
-template <typename T = QWidget> T *child(const QObject *parent, const char *name)
-{
-    T *c = parent ? parent->findChild<T *>(name) : nullptr;
-    return c ? c : (qFatal("no child %s", name), nullptr);
-}
-
-// Clicks `button` of the next modal box once it is up, or presses Escape when it is empty;
-// keeps its question. Waits no longer than `context` lives.
-inline void answerNextBox(QObject *context, const QString &button, QString *asked)
-{
-    auto *poll = new QTimer(context);
-    QObject::connect(poll, &QTimer::timeout, [=] {
-        QWidget *box = QApplication::activeModalWidget();
-        if (!box)
-            return;
-        poll->stop(), poll->deleteLater();
-        *asked = child<QLabel>(box, "lblLine1")->text();
-        if (button.isEmpty())
-            QTest::keyClick(box->focusWidget() ? box->focusWidget() : box, Qt::Key_Escape);
-        else
-            child<QPushButton>(box, qPrintable(button))->click();
-    });
-    poll->start(20);
-}
 
 // Runs the event loop until the code under test ends it; 3 when it never does.
 inline int execBounded(int ms = 10000)
