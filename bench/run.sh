@@ -66,7 +66,7 @@ cpu_ms() { # pid: its main (GUI) thread's CPU time so far, in ms (schedstat coun
 }
 install_peak() { # one whole self-test installation driven by clicks: "peak RSS in kB, CPU ms of
     # 4 s of progress", the latter the cost of 40 repaints (and the timers behind them)
-    local fe watcher pos x y cpu
+    local fe watcher x y cpu
     "${front_cmd[@]}" >/dev/null 2>&1 &
     fe=$!
     peak "$fe" >/tmp/corvalen-bench-peak &

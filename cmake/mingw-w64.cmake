@@ -1,7 +1,6 @@
 # Cross-builds the project for 64-bit Windows with mingw-w64 (posix threads). Qt comes from
 # the static build that scripts/build-qt-windows.sh caches; its prefix is CORVALEN_QT_WINDOWS
-# (a cache variable or the environment). Without it only the Qt-free tree can be built
-# (-DCORVALEN_OS_ONLY=ON).
+# (a cache variable or the environment).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)

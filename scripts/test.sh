@@ -5,7 +5,6 @@
 # target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root=$(pwd)
 
 scripts/install-deps.sh
 

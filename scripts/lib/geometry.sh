@@ -13,3 +13,10 @@ BROWSE="408 355"       # the folder button, options shown
 CLOSE="438 39"         # ✕
 MSG_OK="293 185"       # a question's 确定
 MSG_CANCEL="143 185"   # and its 取消
+# Rectangles "X Y W H": all that hovering a control repaints, and the progress bar.
+HOVER_INSTALL="188 198 100 34"
+HOVER_CLOSE="428 29 20 20"
+HOVER_AGREEMENT="228 248 61 20" # 服务协议
+HOVER_PRIVACY="311 248 61 20"   # 隐私政策
+HOVER_OPTIONS="201 298 77 20"   # 更多选项 and its arrow
+PROGRESS_BAR="48 235 380 12"

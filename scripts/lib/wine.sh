@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced: the Wine environment of the Windows tiers, the demo and the benchmark.
 #   wine_prefix DIR DRIVER DPI   makes (once) and selects a throwaway 64-bit prefix in DIR,
 #                                with Wine's "x11" or "null" graphics driver and that DPI
@@ -59,10 +60,10 @@ REG
     fi
     rm -rf "$WINEPREFIX"
     mkdir -p "$WINEPREFIX"
-    DISPLAY= "$WINE" wineboot --init >/dev/null 2>&1 || true
+    DISPLAY="" "$WINE" wineboot --init >/dev/null 2>&1 || true
     "$WINESERVER" -w
     printf '%s\n' "$settings" >"$WINEPREFIX/corvalen.reg"
-    DISPLAY= "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1 ||
+    DISPLAY="" "$WINE" regedit /S "$(winepath_of "$WINEPREFIX/corvalen.reg")" >/dev/null 2>&1 ||
         { echo "wine.sh: regedit could not apply the prefix's settings" >&2; return 1; }
     "$WINESERVER" -w # the registry is written out when the server ends by itself
     touch "$stamp"

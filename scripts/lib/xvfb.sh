@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced: start_private_xvfb starts an Xvfb on a free display (-noreset) with a light desktop
 # and a compositor, exports DISPLAY and XVFB_PID; stop_private_xvfb stops them by their PIDs;
 # find_window and wait_window find the front end's windows by their size.

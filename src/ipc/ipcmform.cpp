@@ -11,28 +11,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <cstring>
-
-namespace {
-
-const char *messageName(std::uint32_t msg)
-{
-    switch (msg) {
-    case WM_PATH_INFO:
-        return "WM_PATH_INFO";
-    case WM_MYPROGRESS:
-        return "WM_MYPROGRESS";
-    case WM_DISK_SPACE:
-        return "WM_DISK_SPACE";
-    case WM_COMPLETE_INSTALL:
-        return "WM_COMPLETE_INSTALL";
-    default:
-        return nullptr;
-    }
-}
-
-} // namespace
-
 IPCmForm::IPCmForm(QWidget *parent) : QWidget(parent), ui(new Ui::IPCmForm)
 {
     ui->setupUi(this);
@@ -64,7 +42,8 @@ bool IPCmForm::nativeEvent(const QByteArray &eventType, void *message, long *res
 {
     const std::optional<os::NativeMessage> decoded =
         os::platform().decodeNativeMessage(message, os::kNativeMessageRecordSize);
-    const char *name = decoded ? messageName(decoded->message) : nullptr;
+    const char *name =
+        decoded && isForFrontEnd(decoded->message) ? messageName(decoded->message) : nullptr;
     if (!name) {
         // Ours but not understood: Qt would only complain about an unknown client message.
         if (decoded && decoded->privateCarrier)
@@ -119,6 +98,11 @@ void IPCmForm::sendMsg(std::uint32_t msg, std::uint64_t wParam, std::int64_t lPa
                .arg(static_cast<qint64>(msg))
                .arg(static_cast<qint64>(wParam))
                .arg(lParam);
+}
+
+void IPCmForm::postToSelf(std::uint32_t msg, std::uint64_t wParam)
+{
+    os::platform().postMessage(static_cast<os::WindowHandle>(winId()), msg, wParam, 0);
 }
 
 void IPCmForm::sendWindowHandle()

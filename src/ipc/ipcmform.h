@@ -25,6 +25,8 @@ public:
     void setMainForm(MainForm *pMainForm);
 
     void sendMsg(std::uint32_t msg, std::uint64_t wParam, std::int64_t lParam);
+    // Self-test: the engine's message posted to this window, so it takes the engine's path.
+    void postToSelf(std::uint32_t msg, std::uint64_t wParam);
     void sendWindowHandle();
     void sendInstallPath(const QString &strPath);
     void sendStartInstall();

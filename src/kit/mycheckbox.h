@@ -1,29 +1,22 @@
 #pragma once
 
-#include <QPushButton>
+#include "kit/twostatebutton.h"
 
-// Two-state button: its own boolean, announced on every set and on hover enter/leave.
-class MyCheckBox final : public QPushButton
+// The agreement check box.
+class MyCheckBox final : public TwoStateButton
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(MyCheckBox)
 
 public:
-    explicit MyCheckBox(QWidget *parent = nullptr);
+    explicit MyCheckBox(QWidget *parent = nullptr) : TwoStateButton(false, parent) {}
 
-    bool getCheckState() const { return m_bChecked; }
-    void setCheckState(bool bChecked);
-
-    void setGeometry(const QRect &rect);
-    void setGeometry(int x, int y, int w, int h) { setGeometry(QRect(x, y, w, h)); }
-    void resize(int w, int h);
+    bool getCheckState() const { return state(); }
+    void setCheckState(bool bChecked) { setState(bChecked); }
 
 signals:
     void sgClicked(bool bChecked);
 
-protected:
-    bool event(QEvent *e) override;
-
 private:
-    bool m_bChecked = false;
+    void announce(bool bChecked, bool bChanged) override;
 };

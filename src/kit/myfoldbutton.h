@@ -1,30 +1,22 @@
 #pragma once
 
-#include <QPushButton>
+#include "kit/twostatebutton.h"
 
-// Two-state button for the options fold: its own boolean, announced on every set and on
-// hover enter/leave.
-class MyFoldButton final : public QPushButton
+// The arrow of the options fold.
+class MyFoldButton final : public TwoStateButton
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(MyFoldButton)
 
 public:
-    explicit MyFoldButton(QWidget *parent = nullptr);
+    explicit MyFoldButton(QWidget *parent = nullptr) : TwoStateButton(true, parent) {}
 
-    bool getFoldState() const { return m_bFolded; }
-    void setFoldState(bool bFolded);
-
-    void setGeometry(const QRect &rect);
-    void setGeometry(int x, int y, int w, int h) { setGeometry(QRect(x, y, w, h)); }
-    void resize(int w, int h);
+    bool getFoldState() const { return state(); }
+    void setFoldState(bool bFolded) { setState(bFolded); }
 
 signals:
     void sgFoldState(bool bFolded);
 
-protected:
-    bool event(QEvent *e) override;
-
 private:
-    bool m_bFolded = true;
+    void announce(bool bFolded, bool) override { emit sgFoldState(bFolded); }
 };

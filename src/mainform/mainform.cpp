@@ -154,7 +154,7 @@ void MainForm::setDiskSpace(std::uint32_t requiredMB, std::int32_t availableMB)
 
 void MainForm::setProgress(int iProgress)
 {
-    if (m_iState != 1)
+    if (m_iState != kInstallingPage)
         return;
     m_iProgress = iProgress > 100 ? 100 : iProgress;
 }
@@ -166,7 +166,7 @@ void MainForm::quitApp()
 
 void MainForm::showChoosePage()
 {
-    m_iState = 0;
+    m_iState = kChoicePage;
     ui->btnInstall->show();
     ui->frmService->show();
     ui->btnMore0->show();
@@ -268,7 +268,7 @@ void MainForm::on_btnPrivate_clicked()
 
 void MainForm::on_btnClose_clicked()
 {
-    if (m_iState == 2) {
+    if (m_iState == kCompletedPage) {
         QCoreApplication::exit(0);
         return;
     }
@@ -374,7 +374,7 @@ void MainForm::hideChoiceGroup()
 
 void MainForm::showInstallingPage()
 {
-    m_iState = 1;
+    m_iState = kInstallingPage;
     hideChoiceGroup();
     ui->lblInstalling->show();
     ui->lblProgressFg->resize(16, ui->lblProgressFg->height());
@@ -399,7 +399,7 @@ void MainForm::slUpdateProgress()
 
 void MainForm::showCompletedPage()
 {
-    m_iState = 2;
+    m_iState = kCompletedPage;
     hideChoiceGroup();
     ui->lblInstalling->setText("安装完成");
     ui->lblInstalling->show();
@@ -427,10 +427,8 @@ void MainForm::startSelfTestProgress()
         m_iProgress += 2;
         if (m_iProgress > 100)
             m_iProgress = 100;
-        // The same path as the engine's messages: through the message window.
         if (m_pIPCForm)
-            os::platform().postMessage(static_cast<os::WindowHandle>(m_pIPCForm->winId()),
-                                       WM_MYPROGRESS, static_cast<std::uint64_t>(m_iProgress), 0);
+            m_pIPCForm->postToSelf(WM_MYPROGRESS, static_cast<std::uint64_t>(m_iProgress));
         if (m_iProgress == 100)
             m_timerSelfTest.stop();
     });

@@ -77,7 +77,13 @@ private:
     bool m_bUnfolded = false;
     int m_nFoldedHeight = 330;
     int m_nUnfoldedHeight = 410;
-    int m_iState = 0;
+    enum Page : int
+    {
+        kChoicePage,
+        kInstallingPage,
+        kCompletedPage
+    };
+    int m_iState = kChoicePage;
     QTimer m_timerSelfTest;
     QTimer m_timerProgress;
     int m_iProgress = 0;

@@ -15,13 +15,13 @@ namespace {
 const QString kEngine = "corvalen-engine" + kExe;
 const QString kPayload = CORVALEN_PAYLOAD_DIR; // the application's files: any folder of files
 // The choice page's controls: all that hovering one may change (更多选项 and its arrow at once).
-const QRect kHoverable[] = {{188, 198, 100, 34},
-                            {428, 29, 20, 20},
-                            {228, 248, 61, 20},
-                            {311, 248, 61, 20},
+const QRect kHoverable[] = {{GEOMETRY_HOVER_INSTALL},
+                            {GEOMETRY_HOVER_CLOSE},
+                            {GEOMETRY_HOVER_AGREEMENT},
+                            {GEOMETRY_HOVER_PRIVACY},
                             {kCheckBox - QPoint(8, 8), QSize(16, 16)},
-                            {201, 298, 77, 20}};
-const QRect kProgressBar(48, 235, 380, 12);
+                            {GEOMETRY_HOVER_OPTIONS}};
+const QRect kProgressBar(GEOMETRY_PROGRESS_BAR);
 
 // The pointer from control to control, as a person's goes (leaving one and entering the next
 // land in one repaint), then away; the box ticked and unticked: only the control under the

@@ -70,28 +70,6 @@ struct Options
     int chunkKB = 256;
 };
 
-const char *messageName(std::uint32_t msg)
-{
-    switch (msg) {
-    case WM_MYPROGRESS:
-        return "WM_MYPROGRESS";
-    case WM_INSTALL_PATH:
-        return "WM_INSTALL_PATH";
-    case WM_COMPLETE_INSTALL:
-        return "WM_COMPLETE_INSTALL";
-    case WM_CANCEL_INSTALL:
-        return "WM_CANCEL_INSTALL";
-    case WM_DISK_SPACE:
-        return "WM_DISK_SPACE";
-    case WM_PATH_INFO:
-        return "WM_PATH_INFO";
-    case WM_IPC_HWND:
-        return "WM_IPC_HWND";
-    default:
-        return "";
-    }
-}
-
 // "C:\x" -> <driveRoot>/C/x; "\tmp\x" -> /tmp/x. On Windows only the separators change.
 QString toEnginePath(const QString &windowsPath, const QString &driveRoot)
 {
@@ -246,7 +224,7 @@ protected:
         if (!decoded)
             return false;
         // On Windows every message of the window comes through here; the rest are Qt's.
-        if (!*messageName(decoded->message))
+        if (!messageName(decoded->message))
             return decoded->privateCarrier;
         logMessage("in", *decoded, true);
         switch (decoded->message) {
