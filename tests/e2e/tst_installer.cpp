@@ -34,14 +34,13 @@ Tree tree(const QString &root)
     QDirIterator it(root, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
-        const QString path = it.next(), relative = QDir(root).relativeFilePath(path);
-        QFile file(path);
-        if (it.fileInfo().isDir())
-            QDir(path).isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden)
-                ? void(out.insert(relative + "/", {}))
-                : void();
-        else
+        QFile file(it.next());
+        const QString relative = QDir(root).relativeFilePath(file.fileName());
+        if (!it.fileInfo().isDir())
             out.insert(relative, file.open(QFile::ReadOnly) ? file.readAll() : "unreadable");
+        else if (QDir(file.fileName())
+                     .isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
+            out.insert(relative + "/", {});
     }
     return out;
 }
@@ -176,7 +175,7 @@ private slots:
 
     // A first install, and 2.0.0.0 installed then the newest over it, ended on the way: the
     // front end closed, the installer killed at moments spread over the run (the front end
-    // follows), a second installer started meanwhile. After the next run of an installer, one
+    // follows). After the next run of an installer, one
     // version is installed whole and registered as such, or nothing at all; the application's
     // own registry value and the user's files survive byte for byte.
     void interrupted_data()
@@ -193,7 +192,6 @@ private slots:
         QTest::newRow("killed halfway") << true << "kill" << 4;
         QTest::newRow("killed with everything staged") << true << "kill" << 9;
         QTest::newRow("killed while registering, then the older installer") << true << "kill" << 99;
-        QTest::newRow("a second installer meanwhile") << true << "second" << 3;
     }
     void interrupted()
     {
@@ -214,10 +212,8 @@ private slots:
         // a process of its own, goes on.
         const pid_t pid = pid_t(ours(QFileInfo(kInstaller).fileName()).value(0));
         ::kill(pid, SIGSTOP);
-        if (staged >= 0) {
-            clickAt(main, kCheckBox);
-            clickAt(main, kInstall);
-        }
+        if (staged >= 0)
+            clickAt(main, kCheckBox), clickAt(main, kInstall);
         const auto reached = [&] {
             if (staged == 99)
                 return registry("Version") == kNewest;
@@ -234,24 +230,12 @@ private slots:
         }
         if (how == "kill")
             ::kill(pid, SIGKILL);
-        if (how == "close") {
-            clickAt(main, kClose);
-            clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
-        }
-        if (how == "second") {
-            QProcess *second = start(kInstaller, {});
-            QVERIFY(answerBox());
-            QVERIFY(second->waitForFinished(10000));
-            QCOMPARE(second->exitCode(), 4); // another installer running
-        }
+        if (how == "close")
+            clickAt(main, kClose), clickAt(waitWindow(kMsgBox, 10000), kMsgOK);
         ::kill(pid, SIGCONT);
-        if (how == "second") {
-            QTRY_VERIFY_WITH_TIMEOUT(completionPageShown(main), 60000);
-            clickAt(main, kClose);
-        }
-        if (how != "kill") {
+        if (how == "close") {
             QVERIFY(installer->waitForFinished(30000));
-            QCOMPARE(installer->exitCode(), how == "close" ? 1 : 0);
+            QCOMPARE(installer->exitCode(), 1);
             QCOMPARE(tempEntries(), temp);
         }
         // The watchdog's one-second tick and the time a process takes to end.
@@ -268,11 +252,10 @@ private slots:
         QString version = registry("Version");
         qInfo("%s installed", qPrintable(version));
         if (upgrade && staged != 9 && staged != 99)
-            QCOMPARE(version, QString(how == "second" ? kNewest : "2.0.0.0"));
+            QCOMPARE(version, QString("2.0.0.0"));
         verifyState(version, m_installDir, user);
         QCOMPARE(registry("AddedByApp"), QString(upgrade ? "kept" : ""));
-        QVERIFY(how == "kill" ||
-                engineLog().contains(how == "close" ? "cancelled" : "installed 3.0.0.5"));
+        QVERIFY(how == "kill" || engineLog().contains("cancelled"));
     }
 
     // Deployed quietly: /S shows no window, honours /D=, replaces the same or an older version
@@ -584,22 +567,15 @@ private slots:
         }
         const int from = int(95 * before / total), to = int(95 * (before + size) / total);
         int during = 0;
+        double widest = 0;
         for (int i = 1; i < progress.size(); ++i) {
             QVERIFY2(progress[i].second >= progress[i - 1].second, "backwards");
-            if (progress[i].second > from && progress[i - 1].second < to) {
-                ++during;
-                QVERIFY2(progress[i].first - progress[i - 1].first <= 0.25,
-                         qPrintable(QString("%1 s without a message, at %2 %")
-                                        .arg(progress[i].first - progress[i - 1].first)
-                                        .arg(progress[i].second)));
-            }
-        }
-        double widest = 0;
-        for (int i = 1; i < progress.size(); ++i)
             if (progress[i].second > from && progress[i - 1].second < to)
-                widest = std::max(widest, progress[i].first - progress[i - 1].first);
+                ++during, widest = std::max(widest, progress[i].first - progress[i - 1].first);
+        }
         qInfo("%d messages while the large file was written (%d %% to %d %%), at most %.3f s apart",
               during, from, to, widest);
+        QVERIFY2(widest <= 0.25, qPrintable(QString("%1 s without a message").arg(widest)));
         QVERIFY2(during >= 3, qPrintable(QString::number(during))); // the bar moved inside it
     }
 

@@ -12,11 +12,13 @@
 
 #include <windows.h>
 
+#include <filesystem>
+#include <fstream>
 #include <map>
-#include <optional>
 
 namespace {
 
+namespace fs = std::filesystem;
 using Tree = std::map<std::wstring, std::string>; // relative path -> bytes; "dir\" empty ones
 
 enum Operation
@@ -49,16 +51,9 @@ std::wstring keyOf()
 
 void write(const std::wstring &path, const std::string &bytes)
 {
-    for (std::size_t cut = path.find(L'\\', 3); cut != std::wstring::npos;
-         cut = path.find(L'\\', cut + 1))
-        CreateDirectoryW(path.substr(0, cut).c_str(), nullptr);
-    if (!path.empty() && path.back() == L'\\')
-        return;
-    const HANDLE file =
-        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-    DWORD written = 0;
-    WriteFile(file, bytes.data(), DWORD(bytes.size()), &written, nullptr);
-    CloseHandle(file);
+    fs::create_directories(fs::path(path).parent_path());
+    if (path.back() != L'\\')
+        std::ofstream(fs::path(path), std::ios::binary) << bytes;
 }
 
 void plant(const std::wstring &folder, const Tree &tree)
@@ -67,35 +62,19 @@ void plant(const std::wstring &folder, const Tree &tree)
         write(folder + L"\\" + path, bytes);
 }
 
-Tree read(const std::wstring &folder, const std::wstring &relative = std::wstring())
+Tree read(const std::wstring &folder)
 {
     Tree out;
-    WIN32_FIND_DATAW entry;
-    const HANDLE find = FindFirstFileW((folder + L"\\" + relative + L"*").c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE)
-        return out;
-    bool empty = true;
-    do {
-        const std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..")
-            continue;
-        empty = false;
-        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            const Tree inner = read(folder, relative + name + L"\\");
-            out.insert(inner.begin(), inner.end());
-            continue;
-        }
-        std::string bytes(entry.nFileSizeLow, '\0');
-        const HANDLE file = CreateFileW((folder + L"\\" + relative + name).c_str(), GENERIC_READ,
-                                        FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-        DWORD n = 0;
-        ReadFile(file, bytes.data(), DWORD(bytes.size()), &n, nullptr);
-        CloseHandle(file);
-        out[relative + name] = bytes;
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
-    if (empty && !relative.empty())
-        out[relative] = "";
+    std::error_code error;
+    for (const auto &entry : fs::recursive_directory_iterator(folder, error)) {
+        const std::wstring relative = fs::relative(entry.path(), folder).wstring();
+        if (entry.is_directory() && fs::is_empty(entry.path()))
+            out[relative + L"\\"] = "";
+        else if (!entry.is_directory())
+            out[relative] = std::string(std::istreambuf_iterator<char>(
+                                            std::ifstream(entry.path(), std::ios::binary).rdbuf()),
+                                        {});
+    }
     return out;
 }
 
@@ -316,64 +295,34 @@ INSTANTIATE_TEST_SUITE_P(Every, Interrupted, testing::Values(Install, Upgrade, U
                              return std::string(name.begin(), name.end());
                          });
 
-// What is not the run's own, and what Windows does that Wine does not: each row a situation,
-// the operation run whole, then what the machine holds.
+// What is not the run's own, and what Windows does that Wine does not: each row a situation
+// before an upgrade or an uninstall, its result (aborted when not done), and the user's files
+// afterwards beside what is then installed.
+using Hook = std::function<DWORD(const std::wstring &)>;
+Hook failing(const wchar_t *what, const wchar_t *where, DWORD error, int times = -1)
+{
+    return [=](const std::wstring &step) mutable -> DWORD {
+        return step.rfind(what, 0) == 0 && step.find(where) != std::wstring::npos &&
+                       (times < 0 || (times > 0 && times--))
+                   ? error
+                   : 0;
+    };
+}
+
 struct Situation
 {
     const char *name;
     Operation operation;
     std::function<void(World &)> prepare;
-    std::function<void(World &, transaction::Result, const std::vector<std::wstring> &)> verify;
+    transaction::Result result;
+    Tree user; // the user's files afterwards, the ones planted by the world itself aside
+    std::function<void(World &, const std::vector<std::wstring> &)> more;
 };
 
 const Situation kSituations[] = {
-    {"users_old_and_new_beside_the_folder", Upgrade,
-     [](World &w) {
-         plant(w.folder + L".old", kUser);
-         plant(w.folder + L".new", kOld);
-     },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         EXPECT_EQ(read(w.folder + L".old"), kUser);
-         EXPECT_EQ(read(w.folder + L".new"), kOld);
-         EXPECT_EQ(w.state(), w.expected(kNew));
-     }},
-    {"a_users_file_where_a_new_one_goes", Upgrade,
-     [](World &w) {
-         write(w.folder + L"\\plugins\\default.plg", "the user's own default");
-         write(w.folder + L"\\cache", "a file where a folder of ours goes");
-     },
-     [](World &w, auto result, auto &log) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         EXPECT_EQ(
-             w.state(),
-             w.expected(
-                 kNew,
-                 merged(kUser, {{L"plugins\\default (用户文件).plg", "the user's own default"},
-                                {L"cache (用户文件)", "a file where a folder of ours goes"}})));
-         EXPECT_NE(std::find_if(log.begin(), log.end(),
-                                [](auto &line) { return line.find(L"kept the user's") == 0; }),
-                   log.end());
-     }},
-    {"names_that_differ_only_in_case", Upgrade,
-     [](World &w) {
-         transaction::removeTree(w.folder + L"\\plugins");
-         write(w.folder + L"\\PLUGINS\\user.plg", "a plug-in of the user's");
-         write(w.folder + L"\\Resources\\OLD.dat", "listed in another case");
-         write(w.folder + L"\\Uninstall.lst", listOf(kOld) + "RESOURCES\\OLD.DAT\r\n");
-     },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         Tree files = w.state().files;
-         EXPECT_EQ(files.count(L"PLUGINS\\user.plg") + files.count(L"PLUGINS\\default.plg"), 2u);
-         EXPECT_EQ(files.count(L"resources\\old.dat") + files.count(L"Resources\\OLD.dat"), 0u);
-     }},
     {"no_list_uninstall_removes_no_file", Uninstall,
      [](World &w) { DeleteFileW((w.folder + L"\\Uninstall.lst").c_str()); },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         EXPECT_EQ(w.state(), w.expected({}, merged(kNew, kUser)));
-     }},
+     transaction::Result::Done, merged(kNew, kUser), nullptr},
     {"a_hostile_list_removes_nothing_outside", Uninstall,
      [](World &w) {
          write(w.root + L"\\app\\outside.txt", "beside the folder");
@@ -381,53 +330,48 @@ const Situation kSituations[] = {
          write(w.folder + L"\\Uninstall.lst",
                listOf(kNew) + "..\\outside.txt\r\n..\\..\\victim\\file.txt\r\nresources\\\r\n" +
                    std::string(w.root.begin(), w.root.end()) +
-                   "\\victim\\file.txt\r\n"
-                   "Tandemo.exe:stream\r\n\\\\server\\share\\x\r\nresources\\..\\..\\outside."
-                   "txt\r\n");
+                   "\\victim\\file.txt\r\nTandemo.exe:stream\r\n\\\\server\\share\\x\r\n"
+                   "resources\\..\\..\\outside.txt\r\n");
      },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         EXPECT_EQ(w.state(), w.expected({}));
+     transaction::Result::Done, kUser,
+     [](World &w, auto &) {
          EXPECT_EQ(read(w.root + L"\\app").count(L"outside.txt"), 1u);
          EXPECT_EQ(read(w.root + L"\\victim"), (Tree{{L"file.txt", "elsewhere"}}));
      }},
-    {"a_file_held_for_a_moment", Upgrade,
-     [](World &w) {
-         transaction::settings().hook = [held = 2](const std::wstring &what) mutable -> DWORD {
-             return what.find(L"Tandemo.exe ->") != std::wstring::npos && held-- > 0
-                        ? ERROR_SHARING_VIOLATION
-                        : 0;
-         };
-         (void)w;
-     },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Done);
-         EXPECT_EQ(w.state(), w.expected(kNew));
+    {"users_old_and_new_beside_the_folder", Upgrade,
+     [](World &w) { plant(w.folder + L".old", kUser), plant(w.folder + L".new", kOld); },
+     transaction::Result::Done, kUser,
+     [](World &w, auto &) {
+         EXPECT_EQ(read(w.folder + L".old"), kUser);
+         EXPECT_EQ(read(w.folder + L".new"), kOld);
      }},
+    {"a_users_file_where_a_new_one_goes", Upgrade,
+     [](World &w) {
+         write(w.folder + L"\\plugins\\default.plg", "the user's own default");
+         write(w.folder + L"\\cache", "a file where a folder of ours goes");
+     },
+     transaction::Result::Done,
+     merged(kUser, {{L"plugins\\default (用户文件).plg", "the user's own default"},
+                    {L"cache (用户文件)", "a file where a folder of ours goes"}}),
+     [](World &, auto &log) {
+         EXPECT_TRUE(std::any_of(log.begin(), log.end(),
+                                 [](auto &line) { return line.find(L"kept the user's") == 0; }));
+     }},
+    {"a_file_held_for_a_moment", Upgrade,
+     [](World &) {
+         transaction::settings().hook = failing(L"", L"Tandemo.exe ->", ERROR_SHARING_VIOLATION, 2);
+     },
+     transaction::Result::Done, kUser, nullptr},
     {"a_file_held_throughout", Upgrade,
      [](World &) {
-         transaction::settings().hook = [](const std::wstring &what) -> DWORD {
-             return what.rfind(L"move", 0) == 0 && what.find(L"plugins") != std::wstring::npos
-                        ? ERROR_SHARING_VIOLATION
-                        : 0;
-         };
+         transaction::settings().hook = failing(L"move", L"plugins", ERROR_SHARING_VIOLATION);
      },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Locked);
-         EXPECT_TRUE(transaction::abort([](auto &) {}));
-         EXPECT_EQ(w.state(), w.expected(kOld));
-     }},
+     transaction::Result::Locked, kUser, nullptr},
     {"a_registry_value_that_cannot_be_written", Upgrade,
      [](World &) {
-         transaction::settings().hook = [](const std::wstring &what) -> DWORD {
-             return what.find(L"DisplayVersion") != std::wstring::npos ? ERROR_WRITE_PROTECT : 0;
-         };
+         transaction::settings().hook = failing(L"", L"DisplayVersion", ERROR_WRITE_PROTECT);
      },
-     [](World &w, auto result, auto &) {
-         EXPECT_EQ(result, transaction::Result::Failed);
-         EXPECT_TRUE(transaction::abort([](auto &) {}));
-         EXPECT_EQ(w.state(), w.expected(kOld));
-     }},
+     transaction::Result::Failed, kUser, nullptr},
 };
 
 class Ownership : public testing::TestWithParam<Situation>
@@ -437,18 +381,44 @@ TEST_P(Ownership, NothingOfTheUsersIsLost)
 {
     const Situation &situation = GetParam();
     World world(tempRoot(L"owner"));
-    world.installed(situation.operation == Upgrade ? kOld : kNew);
+    const Tree before = situation.operation == Upgrade ? kOld : kNew;
+    world.installed(before);
     plant(world.folder, kUser);
     transaction::settings().hook = [](const std::wstring &) -> DWORD { return 0; };
     situation.prepare(world);
     std::vector<std::wstring> log;
     const transaction::Result result =
         world.run(situation.operation, [&log](const std::wstring &line) { log.push_back(line); });
-    situation.verify(world, result, log);
+    EXPECT_EQ(result, situation.result);
+    if (result != transaction::Result::Done) {
+        EXPECT_TRUE(transaction::abort([](auto &) {}));
+    }
+    const Tree after = situation.operation == Uninstall ? Tree() : kNew;
+    const bool done = situation.result == transaction::Result::Done;
+    EXPECT_EQ(world.state(), world.expected(done ? after : before, situation.user));
+    if (situation.more)
+        situation.more(world, log);
 }
 
 INSTANTIATE_TEST_SUITE_P(Situations, Ownership, testing::ValuesIn(kSituations),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// Names that differ only in case are one name to Windows: the user's folder is where ours go,
+// and a listed file in another case is ours.
+TEST(NamesInAnotherCase, AreTheSameNameToWindows)
+{
+    World world(tempRoot(L"case"));
+    world.installed(kOld);
+    plant(world.folder, kUser);
+    transaction::removeTree(world.folder + L"\\plugins");
+    write(world.folder + L"\\PLUGINS\\user.plg", "a plug-in of the user's");
+    write(world.folder + L"\\Resources\\OLD.dat", "listed in another case");
+    write(world.folder + L"\\Uninstall.lst", listOf(kOld) + "RESOURCES\\OLD.DAT\r\n");
+    EXPECT_EQ(world.run(Upgrade), transaction::Result::Done);
+    const Tree files = world.state().files;
+    EXPECT_EQ(files.count(L"PLUGINS\\user.plg") + files.count(L"PLUGINS\\default.plg"), 2u);
+    EXPECT_EQ(files.count(L"resources\\old.dat") + files.count(L"Resources\\OLD.dat"), 0u);
+}
 
 TEST(FileList, OnlyPlainPathsBelowTheFolder)
 {
