@@ -1,12 +1,14 @@
-// The kit every window shares, on a fake platform: the DPI rules and the start-up environment,
-// the toast, the message box as the keyboard and a screen reader find it.
+// The kit every window shares, on a fake platform: the DPI rules, the start-up environment, the
+// shadow against Qt's own, the toast, the message box as the keyboard and a screen reader find it.
 #include "widgethelpers.h"
 
 #include "app/startup.h"
 #include "kit/accessibility.h"
 #include "kit/dpiutil.h"
 #include "kit/focusring.h"
+#include "kit/globalstyle.h"
 #include "kit/mymsgbox.h"
+#include "kit/shadoweffect.h"
 #include "kit/toast.h"
 
 #include <private/qguiapplication_p.h>
@@ -106,6 +108,45 @@ private slots:
         QVERIFY(QCoreApplication::testAttribute(Qt::AA_UseHighDpiPixmaps));
         QCOMPARE(Startup::screenScaleFactors(1.0f / 3.0f, 1.0f), QByteArray("0.333333;1"));
         QVERIFY(Startup::isSelfTest(1) && !Startup::isSelfTest(2)); // exactly one: an engine's
+    }
+
+    // Against Qt's own effect, odd sizes, smaller than the tile, at 175 %; twice, the second
+    // paint from the kept tile; then the tile follows its frame's look. Away from 100 % Qt's
+    // result moves a step with the far edge.
+    void shadow_data()
+    {
+        QTest::addColumn<QSize>("size");
+        QTest::addColumn<qreal>("dpr");
+        QTest::newRow("odd size") << QSize(131, 98) << qreal(1);
+        QTest::newRow("smaller than the tile") << QSize(90, 61) << qreal(1);
+        QTest::newRow("175 %") << QSize(401, 212) << qreal(1.75);
+    }
+    void shadow()
+    {
+        QFETCH(QSize, size);
+        QFETCH(qreal, dpr);
+        QWidget host; // whose style sheet names other frames
+        host.setStyleSheet("QFrame#frame { background: #F0F0F0; } QLabel { color: red; }");
+        host.resize(size);
+        QFrame *frame = Global::CreateShadowFrame(&host, nullptr, 4, 8);
+        host.setFixedSize(frame->size() + QSize(16, 16));
+        auto *alone = new QFrame;
+        alone->setStyleSheet(frame->styleSheet());
+        alone->resize(frame->size());
+        const QImage reference =
+            static_cast<ShadowEffect *>(frame->graphicsEffect())->renderWithQtEffect(alone, dpr);
+        QVERIFY(qAlpha(reference.pixel(reference.width() / 2, qRound(8 * dpr) - 2)) > 0);
+        const auto drawn = [&] {
+            QImage image(host.size() * dpr, QImage::Format_ARGB32_Premultiplied);
+            image.setDevicePixelRatio(dpr);
+            image.fill(Qt::transparent);
+            host.render(&image, QPoint(), QRegion(), QWidget::DrawChildren);
+            return image;
+        };
+        for (int pass = 0; pass < 2; ++pass)
+            QCOMPARE(differingPixels(drawn(), reference, dpr == 1 ? 0 : 1), 0);
+        frame->setStyleSheet("QFrame{background-color: #FF0000; border-radius:4px;}");
+        QCOMPARE(QColor(drawn().pixel(reference.rect().center())).name(), QString("#ff0000"));
     }
 
     // A notice replacing one that is fading: at full opacity, for its own duration; each said
