@@ -114,7 +114,8 @@ for size in $sizes; do
     reset
     # Unattended: the front end shown, the installation at once; ended once complete.
     start=$(date +%s%N)
-    "${as_user[@]}" "$ours" /unattended >/dev/null 2>&1 &
+    # In a subshell: the kill below ends the installer, not a job the shell would report.
+    ("${as_user[@]}" "$ours" /unattended >/dev/null 2>&1) &
     runner=$!
     front_kb=0 gui_installer_kb=0
     read -r _ x y < <(wait_window "$MAIN_FOLDED" 3000)

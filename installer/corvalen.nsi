@@ -54,7 +54,7 @@ SetDateSave off
 !define REGKEY "Software\Corvalen"
 !define UNINSTKEY "Software\Microsoft\Windows\CurrentVersion\Uninstall\Corvalen"
 !define DEFAULTDIR "$LOCALAPPDATA\Programs\Tandemo"
-; Exit codes, documented in the README.
+; Exit codes, documented in the README and docs/installer.md.
 !define EXIT_INSTALLED 0
 !define EXIT_CANCELLED 1
 !define EXIT_FAILED 2

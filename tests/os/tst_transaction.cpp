@@ -323,6 +323,9 @@ const Situation kSituations[] = {
     {"no_list_uninstall_removes_no_file", Uninstall,
      [](World &w) { DeleteFileW((w.folder + L"\\Uninstall.lst").c_str()); },
      transaction::Result::Done, merged(kNew, kUser), nullptr},
+    {"an_empty_list_uninstall_removes_no_file", Uninstall,
+     [](World &w) { write(w.folder + L"\\Uninstall.lst", ""); }, transaction::Result::Done,
+     merged(kNew, kUser), nullptr},
     {"a_hostile_list_removes_nothing_outside", Uninstall,
      [](World &w) {
          write(w.root + L"\\app\\outside.txt", "beside the folder");
